@@ -1,0 +1,23 @@
+#!/usr/bin/env bash
+# Installs the build and test dependencies from Debian's packages.
+# Idempotent: does nothing and prints nothing when all are present.
+set -euo pipefail
+
+packages=(g++ cmake ninja-build make pkg-config zlib1g-dev libgtest-dev libgmock-dev)
+
+missing=()
+for p in "${packages[@]}"; do
+  if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then
+    missing+=("$p")
+  fi
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+echo "setup: installing ${missing[*]}" >&2
+sudo=""
+if [ "$(id -u)" -ne 0 ]; then
+  sudo="sudo"
+fi
+export DEBIAN_FRONTEND=noninteractive
+$sudo apt-get update -qq >/dev/null
+$sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null

@@ -1,0 +1,197 @@
+#include "velatool.h"
+
+#include <getopt.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "mtrace.h"
+
+struct options_s options;
+
+static const char short_options[] = "aA:b:c:Cd:DeEf:Fm:op:rsStT:u:vVXY";
+
+static const struct option long_options[] = {
+    {"dac", required_argument, NULL, 'd'},
+    {"events", no_argument, NULL, 'e'},
+    {"emctest", no_argument, NULL, 'E'},
+    {"fbtest", no_argument, NULL, 'F'},
+    {"mpower", required_argument, NULL, 'm'},
+    {"cpower", required_argument, NULL, 'c'},
+    {"charger", no_argument, NULL, 'C'},
+    {"detect", no_argument, NULL, 'D'},
+    {"upower", required_argument, NULL, 'u'},
+    {"backlight", required_argument, NULL, 'b'},
+    {"remote", optional_argument, NULL, 'r'},
+    {"sine", optional_argument, NULL, 's'},
+    {"poti", required_argument, NULL, 'p'},
+    {"voltages", no_argument, NULL, 'V'},
+    {"vganf", no_argument, NULL, 'a'},
+    {"aquisition", required_argument, NULL, 'A'},
+    {"demo", no_argument, NULL, 'X'},
+    {"pmdemo", no_argument, NULL, 'Y'},
+    {"suspend", optional_argument, NULL, 'S'},
+    {"touch", no_argument, NULL, 't'},
+    {"opto", no_argument, NULL, 'o'},
+    {NULL, 0, NULL, 0},
+};
+
+static const char usage_text[] =
+    "commands (only one allowed at a time):\n"
+    "-d --dac value          - write value to motor control dac (0..0xfff)\n"
+    "-m --mpower <1|0>       - motor control power on/off\n"
+    "-c --cpower <1|0>       - measurement channel power on/off\n"
+    "-u --upower <1|0>       - USB host power power on/off\n"
+    "-s --sine [<f>|<freqreg>] - setup sinewave generator for 20kHz output (no args)\n"
+    "                          opional parameter is sine frequency as decimal number or\n"
+    "                          frequency register value as 0x-prefixed hex value\n"
+    "-p --poti value         - write value to dig. poti (0..0x100)\n"
+    "-b --backlight value    - control display backlight (0..100)\n"
+    "-V --voltages           - dump internal ADC voltages\n"
+    "-S --suspend [time]     - suspend system, option: resume after time seconds\n"
+    "-e --events             - monitor charger and pmic/push-button events\n"
+    "-E --emctest            - test mode for emc testing\n"
+    "-F --fbtest             - framebuffer test image\n"
+    "-t --touch              - monitor touch screen events\n"
+    "-o --opto               - Opto RS232 test (sending and break detection)\n"
+    "-r --remote [tcpport]   - Start remote control server (default port=7073)\n"
+    "-a --vganf              - query end switch\n"
+    "-A --aquisition mode    - get samples from measurement channel ADC\n"
+    "                          128kS/s, 64x oversampling, freerun\n"
+    "                          mode=0: fill sample buffer for 10s\n"
+    "                          mode=1: no sample buffer, monitor last data\n"
+    "                          mode=2: same as mode=0, but disable pruss filter\n"
+    "                          mode=3: same as mode=1, but output data on opto interface\n"
+    "                          mode=4: same as mode=0, but keep pruss active after aquisition\n"
+    "-X --demo               - full aquisition demo\n"
+    "-Y --pmdemo             - power management demo\n"
+    "-C --charger            - charger monitor\n"
+    "-D --detect             - detect USB charger (interface must be unbinded)\n"
+    "\n"
+    "options:\n"
+    " -v                     - enable debug output\n"
+    " -T tracelevel          - set zfl tracelevel 0..5 (default: 3)\n"
+    " -f filename            - write samples to file filename\n"
+    ;
+
+void print_banner(void)
+{
+    printf("velatool %s - service and remote control program of the measuring instrument\n",
+           VELATOOL_VERSION);
+}
+
+void print_usage(const char* progname)
+{
+    print_banner();
+    printf("Usage: %s command <options>\n", progname);
+    fputs(usage_text, stdout);
+}
+
+int parse_opts(int argc, char** argv)
+{
+    int result = 0;
+    int actions = 0;
+    int c;
+
+    while ((c = getopt_long(argc, argv, short_options, long_options, NULL)) != -1) {
+        switch (c) {
+        case 'A': case 'b': case 'c': case 'd': case 'm': case 'p': case 'u':
+            options.action = (char)c;
+            options.arg[0] = optarg;
+            actions++;
+            break;
+        case 'C': case 'D': case 'E': case 'F': case 'V': case 'X': case 'Y':
+        case 'a': case 'e': case 'o': case 't':
+            options.action = (char)c;
+            actions++;
+            break;
+        case 'S': case 'r': case 's':
+            /* The optional argument is the next word unless it is an option. */
+            options.action = (char)c;
+            actions++;
+            if (optind < argc && argv[optind][0] != '-') {
+                options.arg[0] = argv[optind];
+                optind++;
+            }
+            break;
+        case 'T':
+            options.tracelevel = atoi(optarg);
+            break;
+        case 'f':
+            options.filename = optarg;
+            break;
+        case 'v':
+            options.verbose++;
+            break;
+        default:
+            result = -1;
+            break;
+        }
+    }
+
+    if (actions != 1) {
+        fprintf(stderr, "ERROR: ");
+        fprintf(stderr, "exactly one action is required\n");
+        result = -1;
+    }
+    if (options.tracelevel < 0 || options.tracelevel > 5) {
+        fprintf(stderr, "ERROR: ");
+        fprintf(stderr, "invalid tracelevel\n");
+        result = -1;
+    }
+
+    if (result == -1) {
+        print_usage(argv[0]);
+        return -1;
+    }
+    if (options.verbose) {
+        /* glibc prints a null string as "(null)"; the casts keep -Wformat quiet. */
+        const char* filename = options.filename;
+        const char* arg = options.arg[0];
+        printf("action   : %c\n", options.action);
+        printf("verbose  : %d\n", options.verbose);
+        printf("tracelevel : %d\n", options.tracelevel);
+        printf("filename : %s\n", filename != NULL ? filename : "(null)");
+        printf("arg[0]   : %s\n", arg != NULL ? arg : "(null)");
+    }
+    return 0;
+}
+
+/* One row per action letter whose hardware support is built; any other letter
+ * takes the "not implemented" path. */
+struct action_s {
+    char letter;
+    int (*run)(void);
+};
+
+static const struct action_s actions[] = {
+    {0, NULL},
+};
+
+static int run_action(char letter)
+{
+    for (const struct action_s* a = actions; a->run != NULL; a++) {
+        if (a->letter == letter)
+            return a->run();
+    }
+    fprintf(stderr, "ERROR: ");
+    fprintf(stderr, "not implemented %c\n", letter);
+    return 0;
+}
+
+int velatool_main(int argc, char** argv)
+{
+    options.tracelevel = 3;
+    if (parse_opts(argc, argv) != 0)
+        return 1;
+    if (options.verbose)
+        print_banner();
+
+    MTRACE_ALWAYS("Setting tracelevel to %d\n", options.tracelevel);
+    _MTrace_SetLevel(MTRACE_DOMAIN, options.tracelevel);
+
+    int ret = run_action(options.action);
+    if (ret != 0)
+        printf("Failed.\n");
+    return ret;
+}
