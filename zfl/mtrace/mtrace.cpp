@@ -80,8 +80,7 @@ void emit_line(const char* tag, const location& loc, const char* text)
     char line[MTRACE_LINE_MAX + 256];
     int n;
     if (loc.file != nullptr)
-        n = snprintf(line, sizeof line, "%s [%s] %s:%d %s(): %s\n", ts, tag, base_name(loc.file),
-                     loc.line, loc.func != nullptr ? loc.func : "?", text);
+        n = snprintf(line, sizeof line, "%s [%s] %s:%d: %s\n", ts, tag, base_name(loc.file), loc.line, text);
     else
         n = snprintf(line, sizeof line, "%s [%s] %s\n", ts, tag, text);
     if (n < 0)
@@ -182,8 +181,7 @@ void _MErrTrace_Add(const char* fmt, ...)
     t_errtrace_loc = location{};
     char line[MTRACE_LINE_MAX + 128];
     if (loc.file != nullptr)
-        snprintf(line, sizeof line, "%s:%d %s(): %s", base_name(loc.file), loc.line,
-                 loc.func != nullptr ? loc.func : "?", text);
+        snprintf(line, sizeof line, "%s:%d: %s", base_name(loc.file), loc.line, text);
     else
         snprintf(line, sizeof line, "%s", text);
 

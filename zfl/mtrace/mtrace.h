@@ -3,7 +3,8 @@
  *
  * Three channels:
  *  - trace:       leveled diagnostics of a domain ("default"), one line each on
- *                 standard error: timestamp, level, source location, text.
+ *                 standard error: timestamp, level, file:line, text (the
+ *                 texts name their function themselves).
  *  - error log:   failures worth keeping; standard error and syslog (LOG_ERR).
  *  - error trace: a per-thread list of pending lines that a failing call chain
  *                 leaves behind; the caller that gives up dumps it to the error
@@ -48,8 +49,8 @@ void _MErrTrace_Location(const char* file, int line, const char* func);
 void _MErrTrace_Add(const char* fmt, ...) MTRACE_FMT(1, 2);
 void _MErrTrace_DumpContextToMErrLog(void);
 void MErrTrace_BeginContext(void);
-void MErrTrace_EndContext(void);
-void MErrTrace_ClearContext(void);
+void MErrTrace_EndContext(void);   /* drops the lines added since the matching Begin */
+void MErrTrace_ClearContext(void); /* drops the lines of the innermost context (all without one) */
 /* Number of pending lines, and a copy of line i (0 = oldest); for callers that
  * want to show or check what failed. Returns 0 when i is out of range. */
 size_t MErrTrace_GetCount(void);

@@ -1,0 +1,201 @@
+/* The board's control protocol: one text line in, data lines and a final
+ * "ok" or "error: ..." out. The same interpreter serves the in-process API
+ * of the unit tests and the Unix socket of a running board. */
+#include <algorithm>
+#include <cstring>
+#include <fcntl.h>
+#include <sstream>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "board.h"
+#include "syscalls.h"
+
+namespace sim {
+
+namespace {
+
+const char kHelp[] =
+    "reset                        back to the scenario's board, journal cleared\n"
+    "get KEY                      one value\n"
+    "set KEY VALUE                change an input or a state value\n"
+    "state                        every value, 'key = value'\n"
+    "journal                      the journal lines\n"
+    "journal-clear                empty the journal\n"
+    "fault DEVICE OP ERR [COUNT]  the next COUNT (default 1, or 'always') OP calls of\n"
+    "                             DEVICE fail with errno ERR (e.g. EREMOTEIO) or, with\n"
+    "                             ERR 'short', transfer one byte less\n"
+    "absent PATH [1|0]            make a file or device disappear (or come back)\n"
+    "faults-clear                 remove every fault and absence\n"
+    "command STATUS PREFIX...     exit status of simulated commands starting with PREFIX\n"
+    "help                         this text\n";
+
+std::vector<std::string> split_words(const std::string& line)
+{
+    std::istringstream in(line);
+    std::vector<std::string> words;
+    std::string w;
+    while (in >> w)
+        words.push_back(w);
+    return words;
+}
+
+/* The text after the first n words. */
+std::string rest_after(const std::string& line, size_t n)
+{
+    size_t pos = 0;
+    for (size_t i = 0; i < n; i++) {
+        pos = line.find_first_not_of(" \t", pos);
+        pos = line.find_first_of(" \t", pos);
+        if (pos == std::string::npos)
+            return {};
+    }
+    pos = line.find_first_not_of(" \t", pos);
+    if (pos == std::string::npos)
+        return {};
+    size_t end = line.find_last_not_of(" \t\r\n");
+    return line.substr(pos, end - pos + 1);
+}
+
+std::string error(const std::string& text)
+{
+    return "error: " + text + "\n";
+}
+
+} // namespace
+
+std::string Board::control(const std::string& line)
+{
+    std::lock_guard<std::recursive_mutex> lock(mu_);
+    advance();
+    std::vector<std::string> w = split_words(line);
+    if (w.empty())
+        return error("empty command");
+    const std::string& cmd = w[0];
+
+    if (cmd == "help")
+        return std::string(kHelp) + "ok\n";
+    if (cmd == "reset") {
+        std::string err = reset(scenario_);
+        return err.empty() ? "ok\n" : error(err);
+    }
+    if (cmd == "get" && w.size() == 2) {
+        const Param* p = params_.find(w[1]);
+        return p == nullptr ? error("unknown key '" + w[1] + "'") : p->get() + "\nok\n";
+    }
+    if (cmd == "set" && w.size() >= 3) {
+        std::string err = params_.set(w[1], rest_after(line, 2));
+        if (!err.empty())
+            return error(err);
+        save_state();
+        return "ok\n";
+    }
+    if (cmd == "state" && w.size() == 1) {
+        std::string out;
+        for (const auto& [key, p] : params_.all())
+            out += key + " = " + p.get() + "\n";
+        return out + "ok\n";
+    }
+    if (cmd == "journal" && w.size() == 1) {
+        std::string out;
+        for (const std::string& l : journal_lines())
+            out += l + "\n";
+        return out + "ok\n";
+    }
+    if (cmd == "journal-clear" && w.size() == 1) {
+        journal_clear();
+        return "ok\n";
+    }
+    if (cmd == "fault" && (w.size() == 4 || w.size() == 5)) {
+        Fault f;
+        f.device = w[1];
+        f.op = w[2];
+        if (w[3] == "short") {
+            f.is_short = true;
+        } else {
+            f.err = errno_from_name(w[3]);
+            if (f.err == 0)
+                return error("unknown errno '" + w[3] + "'");
+        }
+        if (w.size() == 5) {
+            f.count = w[4] == "always" ? -1 : atoi(w[4].c_str());
+            if (f.count == 0)
+                return error("bad count '" + w[4] + "'");
+        }
+        add_fault(f);
+        return "ok\n";
+    }
+    if (cmd == "absent" && (w.size() == 2 || w.size() == 3)) {
+        set_absent(w[1], w.size() == 2 || w[2] != "0");
+        return "ok\n";
+    }
+    if (cmd == "faults-clear" && w.size() == 1) {
+        clear_faults();
+        return "ok\n";
+    }
+    if (cmd == "command" && w.size() >= 3) {
+        char* end = nullptr;
+        long status = strtol(w[1].c_str(), &end, 10);
+        if (*end != '\0' || status < 0 || status > 255)
+            return error("bad status '" + w[1] + "'");
+        set_command_status(rest_after(line, 2), static_cast<int>(status));
+        return "ok\n";
+    }
+    return error("bad command '" + line + "' (try 'help')");
+}
+
+void Board::open_control_socket()
+{
+    std::string path = dir_ + "/control.sock";
+    struct sockaddr_un addr;
+    memset(&addr, 0, sizeof addr);
+    addr.sun_family = AF_UNIX;
+    if (path.size() >= sizeof addr.sun_path) {
+        fprintf(stderr, "velasim: %s: path too long for a socket, no control\n", path.c_str());
+        return;
+    }
+    memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (fd < 0)
+        return;
+    SIM_REAL(unlink)(path.c_str());
+    if (::bind(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof addr) != 0 || listen(fd, 4) != 0) {
+        perror("velasim: control socket");
+        SIM_REAL(close)(fd);
+        return;
+    }
+    control_fd_ = fd;
+}
+
+/* Called from the wait loop when the listening socket or a connection is
+ * ready. One command per connection: read a line, answer, close. */
+void Board::serve_control(int fd, short revents)
+{
+    if (fd == control_fd_) {
+        int c = accept4(control_fd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+        if (c >= 0)
+            control_conns_.push_back(c);
+        return;
+    }
+    std::string& in = control_input_[fd];
+    char buf[512];
+    ssize_t n = SIM_REAL(read)(fd, buf, sizeof buf);
+    if (n > 0)
+        in.append(buf, static_cast<size_t>(n));
+    size_t lf = in.find('\n');
+    bool closed = n == 0 || (n < 0 && errno != EAGAIN) || (revents & (POLLHUP | POLLERR));
+    if (lf == std::string::npos && !closed && in.size() < 4096)
+        return;
+    if (lf != std::string::npos)
+        in.erase(lf);
+    std::string reply = in.empty() ? error("empty command") : control(in);
+    int flags = SIM_REAL(fcntl)(fd, F_GETFL, nullptr);
+    SIM_REAL(fcntl)(fd, F_SETFL, reinterpret_cast<void*>(static_cast<intptr_t>(flags & ~O_NONBLOCK)));
+    send(fd, reply.data(), reply.size(), MSG_NOSIGNAL);
+    SIM_REAL(close)(fd);
+    control_input_.erase(fd);
+    control_conns_.erase(std::remove(control_conns_.begin(), control_conns_.end(), fd), control_conns_.end());
+}
+
+} // namespace sim

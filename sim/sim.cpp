@@ -1,0 +1,90 @@
+#include "sim.h"
+
+#include <cstdio>
+
+#include "board.h"
+#include "guard.h"
+
+namespace sim {
+
+std::string reset(const std::string& scenario)
+{
+    Guard g;
+    return Board::get().reset(scenario);
+}
+
+std::string control(const std::string& command)
+{
+    Guard g;
+    return Board::get().control(command);
+}
+
+std::vector<std::string> journal()
+{
+    Guard g;
+    return Board::get().journal_lines();
+}
+
+std::vector<std::string> journal_entries()
+{
+    std::vector<std::string> lines = journal();
+    for (std::string& l : lines) {
+        size_t sp = l.find(' ');
+        l = sp == std::string::npos ? l : l.substr(sp + 1);
+    }
+    return lines;
+}
+
+void journal_clear()
+{
+    Guard g;
+    Board::get().journal_clear();
+}
+
+std::string get(const std::string& key)
+{
+    Guard g;
+    Board& b = Board::get();
+    std::lock_guard<std::recursive_mutex> lock(b.mutex());
+    b.advance();
+    const Param* p = b.params().find(key);
+    return p != nullptr ? p->get() : std::string();
+}
+
+bool set(const std::string& key, const std::string& value)
+{
+    Guard g;
+    Board& b = Board::get();
+    std::lock_guard<std::recursive_mutex> lock(b.mutex());
+    b.advance();
+    std::string err = b.params().set(key, value);
+    if (!err.empty())
+        fprintf(stderr, "sim::set: %s\n", err.c_str());
+    return err.empty();
+}
+
+void fault(const std::string& device, const std::string& op, int err, int count)
+{
+    Guard g;
+    Fault f;
+    f.device = device;
+    f.op = op;
+    f.err = err;
+    f.is_short = err == 0;
+    f.count = count;
+    Board::get().add_fault(f);
+}
+
+std::string sandbox()
+{
+    Guard g;
+    return Board::get().dir();
+}
+
+void advance()
+{
+    Guard g;
+    Board::get().advance();
+}
+
+} // namespace sim

@@ -1,0 +1,40 @@
+/* The simulated board's API for tests that link it in (velasim_static): the
+ * same commands as the control socket, plus typed shortcuts. */
+#ifndef VELASIM_SIM_H
+#define VELASIM_SIM_H
+
+#include <string>
+#include <vector>
+
+#include "instrument.h"
+
+namespace sim {
+
+/* A fresh board built from a scenario text (empty: the healthy default);
+ * returns "" or the scenario's first error. */
+std::string reset(const std::string& scenario = "");
+
+/* One control command; the reply's data lines, then "ok" or "error: ...". */
+std::string control(const std::string& command);
+
+/* Journal lines with their timestamps, and without them
+ * ("/dev/i2c-1@0x60 write 08 22"). */
+std::vector<std::string> journal();
+std::vector<std::string> journal_entries();
+void journal_clear();
+
+std::string get(const std::string& key);
+/* false (with the reason on stderr) if the key or value is refused. */
+bool set(const std::string& key, const std::string& value);
+/* The next count OP calls of device fail with errno err, or (err 0) are
+ * short by one byte; count -1 fails for ever. */
+void fault(const std::string& device, const std::string& op, int err, int count = 1);
+
+/* The sandbox directory of the board. */
+std::string sandbox();
+/* Brings every model up to now (for tests that look at the physics). */
+void advance();
+
+} // namespace sim
+
+#endif

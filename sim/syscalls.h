@@ -1,0 +1,84 @@
+/* Handlers behind the generated libc wrappers (C linkage). Each returns
+ * non-zero when the call belonged to the board and *r holds its result (errno
+ * set as the call would set it), zero when the real function is to run. */
+#ifndef VELASIM_SYSCALLS_H
+#define VELASIM_SYSCALLS_H
+
+#include <dirent.h>
+#include <poll.h>
+#include <signal.h>
+#include <stdio.h>
+#include <sys/select.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <time.h>
+#include <unistd.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+enum {
+#define SIM_FN(ret, name, ...) SIM_IDX_##name,
+#define SIM_FN_VA(ret, name, ...) SIM_IDX_##name,
+#include "wrapped.def"
+#undef SIM_FN
+#undef SIM_FN_VA
+    SIM_WRAP_COUNT
+};
+
+extern const char* const sim_wrapped_names[SIM_WRAP_COUNT];
+void sim_count_call(int idx);
+unsigned long sim_call_count(int idx);
+void sim_resolve_real(void);
+
+/* Pointers to the real functions, filled by sim_resolve_real(). */
+#define SIM_UNPAREN(...) __VA_ARGS__
+#define SIM_FN(ret, name, params, ...) extern ret(*sim_real_##name) params;
+#define SIM_FN_VA(ret, name, params, ...) extern ret(*sim_real_##name)(SIM_UNPAREN params, ...);
+#include "wrapped.def"
+#undef SIM_FN
+#undef SIM_FN_VA
+
+/* The real function, resolved on first use (calls can arrive before any
+ * constructor has run). */
+#define SIM_REAL(name) (sim_real_##name ? sim_real_##name : (sim_resolve_real(), sim_real_##name))
+
+int sim_openat(int* r, int dirfd, const char* path, int flags, unsigned mode);
+int sim_fopen(FILE** r, const char* path, const char* mode);
+int sim_opendir(DIR** r, const char* path);
+int sim_close(int* r, int fd);
+int sim_dup3(int* r, int fd, int newfd, int flags, int kind);
+int sim_fcntl(int* r, int fd, int cmd, void* arg);
+int sim_read(ssize_t* r, int fd, void* buf, size_t n, size_t buflen);
+int sim_write(ssize_t* r, int fd, const void* buf, size_t n);
+int sim_lseek(off_t* r, int fd, off_t off, int whence);
+int sim_lseek64(off64_t* r, int fd, off64_t off, int whence);
+int sim_ioctl(int* r, int fd, unsigned long request, void* arg);
+int sim_mmap(void** r, void* addr, size_t len, int prot, int flags, int fd, off64_t off);
+int sim_munmap(int* r, void* addr, size_t len);
+int sim_select(int* r, int n, fd_set* rd, fd_set* wr, fd_set* ex, struct timeval* tv,
+               const struct timespec* ts, const sigset_t* mask);
+int sim_poll(int* r, struct pollfd* fds, nfds_t n, int timeout_ms, const struct timespec* ts,
+             const sigset_t* mask);
+int sim_usleep(int* r, useconds_t us);
+int sim_nanosleep(int* r, const struct timespec* req, struct timespec* rem);
+int sim_clock_nanosleep(int* r, clockid_t clock, int flags, const struct timespec* req,
+                        struct timespec* rem);
+int sim_sleep(unsigned* r, unsigned seconds);
+int sim_faccessat(int* r, int dirfd, const char* path, int mode, int flags);
+int sim_fstatat(int* r, int dirfd, const char* path, void* st, int flags, int is64);
+int sim_fstat(int* r, int fd, void* st, int is64);
+int sim_unlink(int* r, const char* path, int flags);
+int sim_mkdir(int* r, const char* path, mode_t mode);
+int sim_symlink(int* r, const char* target, const char* path);
+int sim_readlink(ssize_t* r, const char* path, char* buf, size_t n);
+int sim_rename(int* r, const char* from, const char* to);
+int sim_mkstemp(int* r, char* tmpl);
+int sim_system(int* r, const char* command);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

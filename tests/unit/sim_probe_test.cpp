@@ -1,0 +1,121 @@
+/* Built with -O2 -D_FORTIFY_SOURCE=2, as a distribution would build the
+ * program: every name in the board's table of wrapped functions must really
+ * be reached, the fortified __*_chk and __*_2 forms included. */
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <sys/select.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "simtest.h"
+#include "syscalls.h"
+#include "tempdir.h"
+
+namespace {
+
+class Probe : public vt::SimTest {};
+
+TEST_F(Probe, EveryWrappedNameIsIntercepted)
+{
+#if !defined(__OPTIMIZE__) || _FORTIFY_SOURCE < 2
+    FAIL() << "the probe must be built with -O2 -D_FORTIFY_SOURCE=2";
+#endif
+    vt::TempDir dir;
+    std::string file = dir.file("f"), other = dir.file("g"), sub = dir.file("d"), link = dir.file("l");
+    vt::write_file(file, "0123456789");
+    volatile int flags = O_RDONLY; /* not a constant: the fortified __open_2 forms */
+    volatile size_t len = 4;
+    volatile nfds_t nfds = 1;
+    char buf[16];
+    struct stat st;
+    struct stat64 st64;
+
+    int fd = open(file.c_str(), O_RDONLY);
+    close(open(file.c_str(), flags));
+    close(open64(file.c_str(), O_RDONLY));
+    close(open64(file.c_str(), flags));
+    close(openat(AT_FDCWD, file.c_str(), O_RDONLY));
+    close(openat(AT_FDCWD, file.c_str(), flags));
+    close(openat64(AT_FDCWD, file.c_str(), O_RDONLY));
+    close(openat64(AT_FDCWD, file.c_str(), flags));
+    fclose(fopen(file.c_str(), "r"));
+    fclose(fopen64(file.c_str(), "r"));
+    closedir(opendir(dir.path().c_str()));
+
+    EXPECT_EQ(4, read(fd, buf, len));           /* __read_chk */
+    ssize_t (*volatile plain_read)(int, void*, size_t) = read;
+    EXPECT_EQ(2, plain_read(fd, buf, 2));
+    EXPECT_EQ(6, lseek(fd, 0, SEEK_CUR));
+    EXPECT_EQ(0, lseek64(fd, 0, SEEK_SET));
+    int n = 0;
+    EXPECT_EQ(0, ioctl(fd, FIONREAD, &n));
+    EXPECT_GE(fcntl(fd, F_GETFL), 0);
+    EXPECT_GE(fcntl64(fd, F_GETFL), 0);
+    close(dup(fd));
+    int hi = dup2(fd, 200);
+    close(dup3(fd, 201, O_CLOEXEC));
+    close(hi);
+    void* m = mmap(nullptr, 4096, PROT_READ, MAP_PRIVATE, fd, 0);
+    munmap(m, 4096);
+    munmap(mmap64(nullptr, 4096, PROT_READ, MAP_PRIVATE, fd, 0), 4096);
+    EXPECT_EQ(0, fstat(fd, &st));
+    EXPECT_EQ(0, fstat64(fd, &st64));
+
+    int null = open("/dev/null", O_WRONLY);
+    EXPECT_EQ(1, write(null, "x", 1));
+    close(null);
+
+    struct pollfd p[1] = {{fd, POLLIN, 0}};
+    EXPECT_EQ(1, poll(p, nfds, 0));             /* __poll_chk */
+    int (*volatile plain_poll)(struct pollfd*, nfds_t, int) = poll;
+    EXPECT_EQ(1, plain_poll(p, 1, 0));
+    struct timespec zero = {0, 0};
+    EXPECT_EQ(1, ppoll(p, nfds, &zero, nullptr)); /* __ppoll_chk */
+    int (*volatile plain_ppoll)(struct pollfd*, nfds_t, const struct timespec*, const sigset_t*) = ppoll;
+    EXPECT_EQ(1, plain_ppoll(p, 1, &zero, nullptr));
+    fd_set rd;
+    FD_ZERO(&rd);
+    FD_SET(fd, &rd);
+    struct timeval tv = {0, 0};
+    EXPECT_EQ(1, select(fd + 1, &rd, nullptr, nullptr, &tv));
+    EXPECT_EQ(1, pselect(fd + 1, &rd, nullptr, nullptr, &zero, nullptr));
+    close(fd);
+
+    struct timespec tiny = {0, 1000};
+    EXPECT_EQ(0, usleep(1));
+    EXPECT_EQ(0, nanosleep(&tiny, nullptr));
+    EXPECT_EQ(0, clock_nanosleep(CLOCK_MONOTONIC, 0, &tiny, nullptr));
+    EXPECT_EQ(0u, sleep(0));
+
+    EXPECT_EQ(0, access(file.c_str(), R_OK));
+    EXPECT_EQ(0, faccessat(AT_FDCWD, file.c_str(), R_OK, 0));
+    EXPECT_EQ(0, stat(file.c_str(), &st));
+    EXPECT_EQ(0, stat64(file.c_str(), &st64));
+    EXPECT_EQ(0, lstat(file.c_str(), &st));
+    EXPECT_EQ(0, lstat64(file.c_str(), &st64));
+    EXPECT_EQ(0, fstatat(AT_FDCWD, file.c_str(), &st, 0));
+    EXPECT_EQ(0, fstatat64(AT_FDCWD, file.c_str(), &st64, 0));
+
+    EXPECT_EQ(0, mkdir(sub.c_str(), 0755));
+    EXPECT_EQ(0, rmdir(sub.c_str()));
+    EXPECT_EQ(0, symlink(file.c_str(), link.c_str()));
+    EXPECT_EQ(4, readlink(link.c_str(), buf, len));   /* __readlink_chk */
+    ssize_t (*volatile plain_readlink)(const char*, char*, size_t) = readlink;
+    EXPECT_EQ(2, plain_readlink(link.c_str(), buf, 2));
+    EXPECT_EQ(0, unlink(link.c_str()));
+    EXPECT_EQ(0, rename(file.c_str(), other.c_str()));
+    std::string t1 = dir.file("tmpXXXXXX"), t2 = dir.file("tmpXXXXXX");
+    close(mkstemp(t1.data()));
+    close(mkstemp64(t2.data()));
+    EXPECT_EQ(0, system("hwclock -w")); /* simulated, never run */
+
+    for (int i = 0; i < SIM_WRAP_COUNT; i++)
+        EXPECT_GT(sim_call_count(i), 0u) << sim_wrapped_names[i] << " was not intercepted";
+}
+
+} // namespace

@@ -1,0 +1,227 @@
+/* The simulated board itself, where a fault would mislead every other test. */
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <linux/i2c-dev.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/select.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "simtest.h"
+#include "sysfs.h"
+#include "tempdir.h"
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::internal::CaptureStderr;
+using testing::internal::GetCapturedStderr;
+
+namespace {
+
+const char kValue[] = "/sys/class/gpio/vg_anf/value";
+const char kEdge[] = "/sys/class/gpio/vg_anf/edge";
+
+short pending(int fd)
+{
+    struct pollfd p = {fd, POLLPRI, 0};
+    EXPECT_GE(poll(&p, 1, 0), 0);
+    return p.revents;
+}
+
+bool select_exception(int fd)
+{
+    fd_set ex;
+    FD_ZERO(&ex);
+    FD_SET(fd, &ex);
+    struct timeval tv = {0, 0};
+    return select(fd + 1, nullptr, nullptr, &ex, &tv) == 1 && FD_ISSET(fd, &ex);
+}
+
+void reread(int fd)
+{
+    char c[2];
+    lseek(fd, 0, SEEK_SET);
+    EXPECT_EQ(2, read(fd, c, sizeof c));
+}
+
+class Board : public vt::SimTest {};
+
+TEST_F(Board, GpioEdgesFollowTheKernelsRules)
+{
+    int fd = open(kValue, O_RDONLY | O_NONBLOCK);
+    ASSERT_GE(fd, 0);
+    /* Never read: an event is pending at once, in poll and in select. */
+    EXPECT_EQ(POLLPRI | POLLERR, pending(fd));
+    EXPECT_TRUE(select_exception(fd));
+    reread(fd);
+    EXPECT_EQ(0, pending(fd));
+
+    /* Not armed: a change of level announces nothing. */
+    sim::set("drive.position_mm", "0");
+    EXPECT_EQ(0, pending(fd));
+    /* Armed for falling: the rise is quiet, the fall is announced until the
+     * file is read again from the start. */
+    ASSERT_EQ(0, sysfs_write_string(kEdge, "falling"));
+    sim::set("drive.position_mm", "1");
+    EXPECT_EQ(0, pending(fd));
+    sim::set("drive.position_mm", "0");
+    EXPECT_EQ(POLLPRI | POLLERR, pending(fd));
+    EXPECT_TRUE(select_exception(fd));
+    char c;
+    lseek(fd, 1, SEEK_SET);
+    EXPECT_EQ(1, read(fd, &c, 1)); /* a read past offset 0 does not clear it */
+    EXPECT_EQ('\n', c);
+    EXPECT_EQ(POLLPRI | POLLERR, pending(fd));
+    reread(fd);
+    EXPECT_EQ(0, pending(fd));
+    EXPECT_FALSE(select_exception(fd));
+
+    /* The edge file takes the four words only; inputs refuse values. */
+    EXPECT_EQ(-1, sysfs_write_string(kEdge, "up"));
+    EXPECT_EQ(0, sysfs_write_string(kEdge, "both\n"));
+    EXPECT_EQ("both", sim::get("gpio.vg_anf.edge"));
+    EXPECT_EQ(-1, sysfs_write_valid_int(kValue, 0, 1, 1));
+    EXPECT_THAT(vt::entries("vg_anf"), ElementsAre(std::string(kEdge) + " write falling",
+                                                   std::string(kEdge) + " write up -> EINVAL",
+                                                   std::string(kEdge) + " write both\\n",
+                                                   std::string(kValue) + " write 1 -> EPERM"));
+    close(fd);
+}
+
+TEST_F(Board, DescriptorTableFollowsDupAndClose)
+{
+    int fd = open(kValue, O_RDONLY);
+    ASSERT_GE(fd, 0);
+    int copy = dup(fd);
+    ASSERT_GE(copy, 0);
+    char c;
+    EXPECT_EQ(1, read(fd, &c, 1));
+    EXPECT_EQ('1', c);
+    EXPECT_EQ(0, close(fd));
+    EXPECT_EQ(1, lseek(copy, 0, SEEK_CUR)); /* one open file, one offset */
+    EXPECT_EQ(1, read(copy, &c, 1));
+    EXPECT_EQ('\n', c);
+    EXPECT_EQ(0, close(copy));
+    EXPECT_EQ(-1, read(copy, &c, 1));
+    EXPECT_EQ(EBADF, errno);
+
+    /* A plain file that gets the same number afterwards is not the board's. */
+    vt::TempDir dir;
+    vt::write_file(dir.file("plain"), "plain text");
+    int plain = open(dir.file("plain").c_str(), O_RDONLY);
+    ASSERT_GE(plain, 0);
+    char buf[16] = {};
+    EXPECT_EQ(10, read(plain, buf, sizeof buf));
+    EXPECT_STREQ("plain text", buf);
+    close(plain);
+
+    /* Devices refuse what the kernel refuses. */
+    EXPECT_EQ(-1, open("/sys/class/gpio/vg_anf/direction", O_WRONLY));
+    EXPECT_EQ(EACCES, errno);
+    EXPECT_EQ(-1, open("/sys/class/gpio/nonexistent/value", O_RDONLY));
+    EXPECT_EQ(ENOENT, errno);
+}
+
+TEST_F(Board, UnrelatedPathsPassThroughAndRedirectedOnesStayInTheSandbox)
+{
+    int null = open("/dev/null", O_WRONLY);
+    ASSERT_GE(null, 0);
+    EXPECT_EQ(3, write(null, "abc", 3));
+    close(null);
+    struct stat st;
+    EXPECT_EQ(0, stat("/dev/null", &st));
+    EXPECT_TRUE(S_ISCHR(st.st_mode));
+    EXPECT_EQ(0, stat("/dev/i2c-1", &st));
+    EXPECT_TRUE(S_ISCHR(st.st_mode));
+    EXPECT_EQ(0, stat("/sys/class/gpio/vg_anf", &st));
+    EXPECT_TRUE(S_ISDIR(st.st_mode));
+
+    ASSERT_EQ(0, mkdir("/var/opt/Orvik", 0755));
+    FILE* f = fopen("/var/opt//Orvik/x.ini", "w");
+    ASSERT_NE(nullptr, f);
+    fputs("[a]\n", f);
+    fclose(f);
+    EXPECT_EQ("[a]\n", vt::read_file(sim::sandbox() + "/fs/var/opt/Orvik/x.ini"));
+    EXPECT_EQ(0, access("/var/opt/Orvik/x.ini", R_OK));
+    EXPECT_EQ(0, unlink("/var/opt/Orvik/x.ini"));
+    EXPECT_EQ(-1, access("/var/opt/Orvik/x.ini", F_OK));
+}
+
+TEST_F(Board, I2cNeedsAnAddressThatAnswers)
+{
+    int fd = open("/dev/i2c-1", O_RDWR);
+    ASSERT_GE(fd, 0);
+    unsigned char data[2] = {0x08, 0x22};
+    EXPECT_EQ(-1, write(fd, data, 2)); /* no I2C_SLAVE yet */
+    EXPECT_EQ(ENXIO, errno);
+    ASSERT_EQ(0, ioctl(fd, I2C_SLAVE, 0x51));
+    EXPECT_EQ(-1, write(fd, data, 2));
+    EXPECT_EQ(ENXIO, errno);
+    EXPECT_EQ(-1, ioctl(fd, I2C_SLAVE, 0x80));
+    ASSERT_EQ(0, ioctl(fd, I2C_SLAVE, 0x60));
+    EXPECT_EQ(2, write(fd, data, 2));
+    unsigned char reg[5];
+    EXPECT_EQ(5, read(fd, reg, 5));
+    EXPECT_EQ(0x82, reg[1]);
+    EXPECT_EQ(0x20, reg[2]);
+    close(fd);
+    EXPECT_THAT(sim::journal_entries(),
+                ElementsAre("/dev/i2c-1@0x00 write 08 22 -> ENXIO", "/dev/i2c-1@0x51 write 08 22 -> ENXIO",
+                            "/dev/i2c-1@0x60 write 08 22", "/dev/i2c-1@0x60 read c0 82 20 08 22"));
+}
+
+TEST_F(Board, ControlCommandsScenariosAndSimulatedCommands)
+{
+    EXPECT_EQ("3\nok\n", sim::control("get drive.position_mm"));
+    EXPECT_EQ("ok\n", sim::control("set drive.position_mm 7.5"));
+    EXPECT_EQ("7.5\nok\n", sim::control("get drive.position_mm"));
+    EXPECT_THAT(sim::control("set drive.velocity_mm_s 1"), HasSubstr("read-only"));
+    EXPECT_THAT(sim::control("fault /dev/i2c-1@0x60 write ENOPE"), HasSubstr("error: unknown errno"));
+    EXPECT_THAT(sim::control("frobnicate"), HasSubstr("error: bad command"));
+    EXPECT_THAT(sim::reset("[drive]\nbogus = 1\n"), HasSubstr("line 2: unknown key 'drive.bogus'"));
+    EXPECT_EQ("", sim::reset("command = 3 hwclock\n[drive]\nposition_mm = 0 # at home\n"));
+    EXPECT_EQ("1", sim::get("drive.at_home"));
+
+    EXPECT_EQ(3 << 8, system("hwclock -w"));
+    EXPECT_EQ(0, system("sh ./mass_storage.sh on"));
+    EXPECT_THAT(sim::journal_entries(), ElementsAre("system \"hwclock -w\" 3", "system \"sh ./mass_storage.sh on\" 0"));
+}
+
+TEST_F(Board, RtcTimeIsReadAsText)
+{
+    char buf[32];
+    ASSERT_EQ(0, query_rtc_time(buf, sizeof buf));
+    ASSERT_EQ(8u, strlen(buf)); /* "hh:mm:ss", the line feed stripped */
+    EXPECT_EQ(':', buf[2]);
+    EXPECT_EQ(':', buf[5]);
+    ASSERT_EQ(0, query_rtc_time(buf, 2)); /* one byte: left as it is */
+    EXPECT_EQ(1u, strlen(buf));
+
+    sim::control("absent /sys/class/rtc/rtc1/time");
+    CaptureStderr();
+    EXPECT_EQ(-1, query_rtc_time(buf, sizeof buf));
+    EXPECT_EQ("ERROR: cannot open /sys/class/rtc/rtc1/time (errno=2)", GetCapturedStderr());
+    sim::control("absent /sys/class/rtc/rtc1/time 0");
+    sim::fault("/sys/class/rtc/rtc1/time", "read", EIO, 1);
+    CaptureStderr();
+    EXPECT_EQ(-1, query_rtc_time(buf, sizeof buf));
+    EXPECT_EQ("ERROR: reading /sys/class/rtc/rtc1/time failed or incomplete (errno=5)\n", GetCapturedStderr());
+}
+
+TEST_F(Board, TheDriveMovesInRealTime)
+{
+    sim::set("motor.power", "1");
+    sim::set("motor.dac", std::to_string(2082 + 890)); /* 1 mm/s away from home */
+    sim::set("drive.position_mm", "0");
+    usleep(100000);
+    sim::advance();
+    double pos = std::stod(sim::get("drive.position_mm"));
+    EXPECT_GE(pos, 0.099);
+}
+
+} // namespace
