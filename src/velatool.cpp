@@ -1,10 +1,12 @@
 #include "velatool.h"
 
 #include <getopt.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
+#include "motorctrl.h"
 #include "mtrace.h"
 
 struct options_s options;
@@ -157,6 +159,44 @@ int parse_opts(int argc, char** argv)
     return 0;
 }
 
+static int action_dac(void)
+{
+    uint16_t value = (uint16_t)strtoul(options.arg[0], NULL, 0);
+    printf("Writing 0x%04x to I2C DAC (motor voltage)\n", value);
+    return vela_motor_dac_write(value);
+}
+
+/* The on/off words are printed for 0 and 1 only; any other value still
+ * reaches the control, which refuses it. */
+static void print_power(const char* what, int value)
+{
+    if (value == 1)
+        printf("%s: on\n", what);
+    else if (value == 0)
+        printf("%s: off\n", what);
+}
+
+static int action_mpower(void)
+{
+    int value = atoi(options.arg[0]);
+    print_power("Motor power", value);
+    return vela_motor_power_ctrl(value);
+}
+
+static int action_vganf(void)
+{
+    puts("Query endswitch state:");
+    int ret = vela_motor_vganf_init();
+    if (ret < 0)
+        return ret;
+    int state = 0;
+    ret = vela_motor_get_vganf(&state);
+    if (ret == 0)
+        printf("%d: endposition %sreached\n", state, state == 0 ? "" : "not ");
+    vela_motor_vganf_close();
+    return ret;
+}
+
 /* One row per action letter whose hardware support is built; any other letter
  * takes the "not implemented" path. */
 struct action_s {
@@ -165,6 +205,9 @@ struct action_s {
 };
 
 static const struct action_s actions[] = {
+    {'a', action_vganf},
+    {'d', action_dac},
+    {'m', action_mpower},
     {0, NULL},
 };
 
