@@ -78,4 +78,18 @@ ns_t Drive::next_event(ns_t now)
     return now + static_cast<ns_t>(std::ceil(distance / std::fabs(v) * kSec)) + 1000;
 }
 
+void MeasChannel::register_params(Params& p)
+{
+    p.add_int("meas.power", &power, "measurement channel supply switched on");
+    p.add_double("meas.sine_hz", &sine_hz, "sine generator output frequency, Hz (0 = not running)");
+    p.add_int("meas.poti", &poti, "digital potentiometer wiper, 0..256");
+}
+
+void MeasChannel::reset()
+{
+    power = 0;
+    sine_hz = 0;
+    poti = 0x80;
+}
+
 } // namespace sim

@@ -37,9 +37,23 @@ private:
     ns_t last_ = 0;
 };
 
+/* The analog measurement channel: its power switch, the sine generator that
+ * excites the probe, and the digital potentiometer. The generator's device
+ * model keeps sine_hz current; the acquisition reads it. */
+class MeasChannel : public Model {
+public:
+    int power = 0;       /* channel supply switched on */
+    double sine_hz = 0;  /* generator output, Hz; 0 while reset, asleep or unpowered */
+    int poti = 0x80;     /* potentiometer wiper, 0..256 */
+
+    void register_params(Params& params);
+    void reset() override;
+};
+
 class Instrument {
 public:
     Drive drive;
+    MeasChannel meas;
 };
 
 Instrument& instrument();

@@ -16,6 +16,7 @@ I2cBus* i2c_bus(Board& board, const std::string& path);
  * advanced in the order they were added. */
 void add_rtc(Board& board);
 void add_drive(Board& board);
+void add_measurement(Board& board);
 
 } // namespace sim
 
