@@ -63,27 +63,15 @@ bool path_has_prefix(const std::string& path, const std::string& prefix)
 
 std::string read_text(const std::string& path)
 {
-    int fd = SIM_REAL(open)(path.c_str(), O_RDONLY | O_CLOEXEC, 0);
-    if (fd < 0)
-        return {};
     std::string s;
-    char buf[4096];
-    ssize_t n;
-    while ((n = SIM_REAL(read)(fd, buf, sizeof buf)) > 0)
-        s.append(buf, static_cast<size_t>(n));
-    SIM_REAL(close)(fd);
+    read_whole_file(path, &s);
     return s;
 }
 
 bool write_text_atomic(const std::string& path, const std::string& text)
 {
     std::string tmp = path + ".tmp";
-    int fd = SIM_REAL(open)(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644u);
-    if (fd < 0)
-        return false;
-    bool ok = SIM_REAL(write)(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-    SIM_REAL(close)(fd);
-    return ok && SIM_REAL(rename)(tmp.c_str(), path.c_str()) == 0;
+    return write_whole_file(tmp, text) && SIM_REAL(rename)(tmp.c_str(), path.c_str()) == 0;
 }
 
 std::string trim(const std::string& s)
@@ -109,6 +97,34 @@ const struct {
 };
 
 } // namespace
+
+bool read_whole_file(const std::string& path, std::string* content)
+{
+    int fd = SIM_REAL(open)(path.c_str(), O_RDONLY | O_CLOEXEC, 0);
+    if (fd < 0)
+        return false;
+    content->clear();
+    char buf[4096];
+    ssize_t n;
+    while ((n = SIM_REAL(read)(fd, buf, sizeof buf)) > 0)
+        content->append(buf, static_cast<size_t>(n));
+    SIM_REAL(close)(fd);
+    return n == 0;
+}
+
+bool write_whole_file(const std::string& path, const std::string& content)
+{
+    for (size_t i = 1; i < path.size(); i++) {
+        if (path[i] == '/')
+            SIM_REAL(mkdir)(path.substr(0, i).c_str(), 0755u);
+    }
+    int fd = SIM_REAL(open)(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644u);
+    if (fd < 0)
+        return false;
+    bool ok = SIM_REAL(write)(fd, content.data(), content.size()) == static_cast<ssize_t>(content.size());
+    SIM_REAL(close)(fd);
+    return ok;
+}
 
 ns_t now_ns()
 {

@@ -232,6 +232,11 @@ private:
     friend void destroy_board();
 };
 
+/* Files of the sandbox, through the real libc: the whole content (false when
+ * there is no file), and a write that creates missing parent folders. */
+bool read_whole_file(const std::string& path, std::string* content);
+bool write_whole_file(const std::string& path, const std::string& content);
+
 /* Normalises an absolute path (collapses "//" and "/./", drops a trailing
  * "/"); relative paths are returned unchanged. */
 std::string normalize_path(const char* path);

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "board.h"
+#include "control_socket.h"
 #include "syscalls.h"
 
 namespace sim {
@@ -147,19 +148,15 @@ std::string Board::control(const std::string& line)
 
 void Board::open_control_socket()
 {
-    std::string path = dir_ + "/control.sock";
     struct sockaddr_un addr;
-    memset(&addr, 0, sizeof addr);
-    addr.sun_family = AF_UNIX;
-    if (path.size() >= sizeof addr.sun_path) {
-        fprintf(stderr, "velasim: %s: path too long for a socket, no control\n", path.c_str());
+    if (!control_socket_address(dir_, &addr)) {
+        fprintf(stderr, "velasim: %s: path too long for a socket, no control\n", dir_.c_str());
         return;
     }
-    memcpy(addr.sun_path, path.c_str(), path.size() + 1);
     int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (fd < 0)
         return;
-    SIM_REAL(unlink)(path.c_str());
+    SIM_REAL(unlink)(addr.sun_path);
     if (::bind(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof addr) != 0 || listen(fd, 4) != 0) {
         perror("velasim: control socket");
         SIM_REAL(close)(fd);

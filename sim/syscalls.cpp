@@ -97,10 +97,44 @@ Resolved resolve(int dirfd, const char* path)
     return r;
 }
 
-std::shared_ptr<OpenFile> board_file(int fd)
-{
-    return Board::is_board_fd(fd) ? Board::get().file(fd) : nullptr;
-}
+/* The common start of a call on a descriptor: re-entry guard, errno keeper,
+ * the board's lock and the open file; ours() is false for anything that is
+ * not a board descriptor. */
+struct FdCall {
+    Guard guard;
+    ErrnoKeeper err;
+    Board* board = nullptr;
+    std::unique_lock<std::recursive_mutex> lock;
+    std::shared_ptr<OpenFile> of;
+
+    explicit FdCall(int fd)
+    {
+        if (guard.nested() || !Board::is_board_fd(fd))
+            return;
+        board = &Board::get();
+        lock = std::unique_lock<std::recursive_mutex>(board->mutex());
+        of = board->file(fd);
+        if (of != nullptr)
+            board->advance();
+    }
+    bool ours() const { return of != nullptr; }
+
+    /* An injected fault of op: its errno, or 0 (a "short" fault takes one
+     * byte off *n; without n it is an I/O error). */
+    int fault(const char* op, size_t* n = nullptr)
+    {
+        FaultHit f = board->take_fault(of->node->path(), op);
+        if (!f.hit)
+            return 0;
+        if (!f.is_short)
+            return f.err;
+        if (n == nullptr)
+            return EIO;
+        if (*n > 0)
+            (*n)--;
+        return 0;
+    }
+};
 
 /* Opens a node: access check, injected fault, the device's own open. */
 int open_node(Board& b, Node* node, int flags, int min_fd = 0)
@@ -334,21 +368,18 @@ int sim_dup3(int* r, int fd, int newfd, int flags, int kind)
 
 int sim_fcntl(int* r, int fd, int cmd, void* arg)
 {
-    Guard g;
-    if (g.nested() || !Board::is_board_fd(fd))
+    FdCall c(fd);
+    if (!c.ours())
         return 0;
-    ErrnoKeeper e;
-    Board& b = Board::get();
-    std::lock_guard<std::recursive_mutex> lock(b.mutex());
-    std::shared_ptr<OpenFile> of = b.file(fd);
+    std::shared_ptr<OpenFile>& of = c.of;
     int value = static_cast<int>(reinterpret_cast<intptr_t>(arg));
     switch (cmd) {
     case F_DUPFD:
     case F_DUPFD_CLOEXEC: {
         int nfd = SIM_REAL(fcntl)(fd, cmd, arg);
         if (nfd >= 0)
-            b.bind(nfd, of);
-        return real_result(r, e, nfd);
+            c.board->bind(nfd, of);
+        return real_result(r, c.err, nfd);
     }
     case F_GETFL:
         *r = of->flags;
@@ -366,78 +397,51 @@ int sim_fcntl(int* r, int fd, int cmd, void* arg)
 
 int sim_read(ssize_t* r, int fd, void* buf, size_t n, size_t buflen)
 {
-    Guard g;
-    if (g.nested() || !Board::is_board_fd(fd))
+    FdCall c(fd);
+    if (!c.ours())
         return 0;
     if (n > buflen)
         __chk_fail();
-    ErrnoKeeper e;
-    Board& b = Board::get();
-    std::unique_lock<std::recursive_mutex> lock(b.mutex());
-    std::shared_ptr<OpenFile> of = b.file(fd);
-    if (of == nullptr)
-        return 0;
-    if ((of->flags & O_ACCMODE) == O_WRONLY)
-        return fail(r, e, EBADF);
-    b.advance();
-    FaultHit f = b.take_fault(of->node->path(), "read");
-    if (f.hit && !f.is_short)
-        return fail(r, e, f.err);
-    if (f.is_short && n > 0)
-        n--;
+    if ((c.of->flags & O_ACCMODE) == O_WRONLY)
+        return fail(r, c.err, EBADF);
+    if (int err = c.fault("read", &n))
+        return fail(r, c.err, err);
     for (;;) {
-        int64_t got = of->node->read(*of, buf, n);
-        if (got != -EAGAIN || (of->flags & O_NONBLOCK))
-            return got < 0 ? fail(r, e, static_cast<int>(-got)) : (*r = got, 1);
+        int64_t got = c.of->node->read(*c.of, buf, n);
+        if (got != -EAGAIN || (c.of->flags & O_NONBLOCK))
+            return got < 0 ? fail(r, c.err, static_cast<int>(-got)) : (*r = got, 1);
         /* A blocking device: wait until it has something. */
         struct pollfd p = {fd, POLLIN, 0};
-        lock.unlock();
-        int w = b.wait(&p, 1, -1, nullptr);
-        lock.lock();
+        c.lock.unlock();
+        int w = c.board->wait(&p, 1, -1, nullptr);
+        c.lock.lock();
         if (w < 0)
-            return fail(r, e, -w);
+            return fail(r, c.err, -w);
     }
 }
 
 int sim_write(ssize_t* r, int fd, const void* buf, size_t n)
 {
-    Guard g;
-    if (g.nested() || !Board::is_board_fd(fd))
+    FdCall c(fd);
+    if (!c.ours())
         return 0;
-    ErrnoKeeper e;
-    Board& b = Board::get();
-    std::lock_guard<std::recursive_mutex> lock(b.mutex());
-    std::shared_ptr<OpenFile> of = b.file(fd);
-    if (of == nullptr)
-        return 0;
-    if ((of->flags & O_ACCMODE) == O_RDONLY)
-        return fail(r, e, EBADF);
-    b.advance();
-    FaultHit f = b.take_fault(of->node->path(), "write");
-    if (f.hit && !f.is_short)
-        return fail(r, e, f.err);
-    if (f.is_short && n > 0)
-        n--;
-    int64_t done = of->node->write(*of, buf, n);
-    return done < 0 ? fail(r, e, static_cast<int>(-done)) : (*r = done, 1);
+    if ((c.of->flags & O_ACCMODE) == O_RDONLY)
+        return fail(r, c.err, EBADF);
+    if (int err = c.fault("write", &n))
+        return fail(r, c.err, err);
+    int64_t done = c.of->node->write(*c.of, buf, n);
+    return done < 0 ? fail(r, c.err, static_cast<int>(-done)) : (*r = done, 1);
 }
 
 static int seek_common(int64_t* r, int fd, int64_t off, int whence)
 {
-    Guard g;
-    if (g.nested() || !Board::is_board_fd(fd))
+    FdCall c(fd);
+    if (!c.ours())
         return 0;
-    ErrnoKeeper e;
-    Board& b = Board::get();
-    std::lock_guard<std::recursive_mutex> lock(b.mutex());
-    std::shared_ptr<OpenFile> of = b.file(fd);
-    if (of == nullptr)
-        return 0;
-    FaultHit f = b.take_fault(of->node->path(), "seek");
-    if (f.hit)
-        return fail(r, e, f.err ? f.err : EIO);
-    int64_t pos = of->node->seek(*of, off, whence);
-    return pos < 0 ? fail(r, e, static_cast<int>(-pos)) : (*r = pos, 1);
+    if (int err = c.fault("seek"))
+        return fail(r, c.err, err);
+    int64_t pos = c.of->node->seek(*c.of, off, whence);
+    return pos < 0 ? fail(r, c.err, static_cast<int>(-pos)) : (*r = pos, 1);
 }
 
 int sim_lseek(off_t* r, int fd, off_t off, int whence)
@@ -460,42 +464,30 @@ int sim_lseek64(off64_t* r, int fd, off64_t off, int whence)
 
 int sim_ioctl(int* r, int fd, unsigned long request, void* arg)
 {
-    Guard g;
-    if (g.nested() || !Board::is_board_fd(fd))
+    FdCall c(fd);
+    if (!c.ours())
         return 0;
-    ErrnoKeeper e;
-    Board& b = Board::get();
-    std::lock_guard<std::recursive_mutex> lock(b.mutex());
-    std::shared_ptr<OpenFile> of = b.file(fd);
-    if (of == nullptr)
-        return 0;
-    b.advance();
-    FaultHit f = b.take_fault(of->node->path(), "ioctl");
-    if (f.hit)
-        return fail(r, e, f.err ? f.err : EIO);
-    int res = of->node->ioctl(*of, request, arg);
-    return res < 0 ? fail(r, e, -res) : (*r = res, 1);
+    if (int err = c.fault("ioctl"))
+        return fail(r, c.err, err);
+    int res = c.of->node->ioctl(*c.of, request, arg);
+    return res < 0 ? fail(r, c.err, -res) : (*r = res, 1);
 }
 
 int sim_mmap(void** r, void* addr, size_t len, int prot, int flags, int fd, off64_t off)
 {
-    Guard g;
-    if (g.nested() || (flags & MAP_ANONYMOUS) || !Board::is_board_fd(fd))
+    if (flags & MAP_ANONYMOUS)
         return 0;
-    ErrnoKeeper e;
-    Board& b = Board::get();
-    std::lock_guard<std::recursive_mutex> lock(b.mutex());
-    std::shared_ptr<OpenFile> of = b.file(fd);
-    if (of == nullptr)
+    FdCall c(fd);
+    if (!c.ours())
         return 0;
     int err = 0;
-    void* p = of->node->mmap(*of, addr, len, prot, flags, off, &err);
+    void* p = c.of->node->mmap(*c.of, addr, len, prot, flags, off, &err);
     if (p == MAP_FAILED) {
         *r = MAP_FAILED;
-        e.fail(err);
+        c.err.fail(err);
         return 1;
     }
-    g_maps[reinterpret_cast<uintptr_t>(p)] = {len, of->node};
+    g_maps[reinterpret_cast<uintptr_t>(p)] = {len, c.of->node};
     *r = p;
     return 1;
 }
@@ -704,13 +696,10 @@ int sim_fstatat(int* r, int dirfd, const char* path, void* st, int flags, int is
 
 int sim_fstat(int* r, int fd, void* st, int is64)
 {
-    Guard g;
-    if (g.nested())
+    FdCall c(fd);
+    if (!c.ours())
         return 0;
-    std::shared_ptr<OpenFile> of = board_file(fd);
-    if (of == nullptr)
-        return 0;
-    fill_any_stat(st, is64, of->node->path(), of->node->mode(), of->node->size());
+    fill_any_stat(st, is64, c.of->node->path(), c.of->node->mode(), c.of->node->size());
     *r = 0;
     return 1;
 }

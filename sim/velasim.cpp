@@ -20,6 +20,8 @@
 #include <unistd.h>
 #include <vector>
 
+#include "control_socket.h"
+
 namespace fs = std::filesystem;
 
 namespace {
@@ -134,15 +136,11 @@ int ctl(int argc, char** argv)
         line += std::string(line.empty() ? "" : " ") + argv[i];
     line += "\n";
 
-    std::string path = dir + "/control.sock";
     struct sockaddr_un addr;
-    memset(&addr, 0, sizeof addr);
-    addr.sun_family = AF_UNIX;
-    if (path.size() >= sizeof addr.sun_path) {
-        fprintf(stderr, "velasim: %s: path too long\n", path.c_str());
+    if (!sim::control_socket_address(dir, &addr)) {
+        fprintf(stderr, "velasim: %s: path too long for a socket\n", dir.c_str());
         return 2;
     }
-    memcpy(addr.sun_path, path.c_str(), path.size() + 1);
     int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0 || connect(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof addr) != 0) {
         fprintf(stderr, "velasim: no running board in %s\n", dir.c_str());

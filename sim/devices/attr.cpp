@@ -4,7 +4,6 @@
 #include <cctype>
 #include <cerrno>
 #include <cstring>
-#include <fcntl.h>
 #include <unistd.h>
 
 #include "syscalls.h"
@@ -50,17 +49,8 @@ FileAttr::FileAttr(Board& board, std::string path, mode_t mode, std::string init
 
 std::string FileAttr::show()
 {
-    std::string file = board_.fs_path(path());
     std::string text;
-    int fd = SIM_REAL(open)(file.c_str(), O_RDONLY | O_CLOEXEC, 0);
-    if (fd < 0)
-        return initial_;
-    char buf[4096];
-    ssize_t n;
-    while ((n = SIM_REAL(read)(fd, buf, sizeof buf)) > 0)
-        text.append(buf, static_cast<size_t>(n));
-    SIM_REAL(close)(fd);
-    return text;
+    return read_whole_file(board_.fs_path(path()), &text) ? text : initial_;
 }
 
 int FileAttr::store(const std::string& text)
@@ -70,31 +60,14 @@ int FileAttr::store(const std::string& text)
         if (err < 0)
             return err;
     }
-    std::string file = board_.fs_path(path());
-    int fd = SIM_REAL(open)(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644u);
-    if (fd < 0)
-        return -EIO;
-    bool ok = SIM_REAL(write)(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-    SIM_REAL(close)(fd);
-    return ok ? 0 : -EIO;
+    return write_whole_file(board_.fs_path(path()), text) ? 0 : -EIO;
 }
 
 void FileAttr::create_default()
 {
     std::string file = board_.fs_path(path());
-    if (SIM_REAL(access)(file.c_str(), F_OK) == 0)
-        return;
-    std::string dir = file.substr(0, file.rfind('/'));
-    for (size_t i = 1; i <= dir.size(); i++) {
-        if (i == dir.size() || dir[i] == '/')
-            SIM_REAL(mkdir)(dir.substr(0, i).c_str(), 0755u);
-    }
-    int fd = SIM_REAL(open)(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644u);
-    if (fd >= 0) {
-        ssize_t w = SIM_REAL(write)(fd, initial_.data(), initial_.size());
-        (void)w;
-        SIM_REAL(close)(fd);
-    }
+    if (SIM_REAL(access)(file.c_str(), F_OK) != 0)
+        write_whole_file(file, initial_);
 }
 
 bool parse_kernel_long(const std::string& text, long* value)
