@@ -1,0 +1,3 @@
+#include "remote.h"
+
+struct state_s state;

@@ -1,0 +1,132 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "configtest.h"
+#include "mtrace.h"
+#include "util.h"
+
+using testing::HasSubstr;
+using testing::Not;
+using testing::internal::CaptureStderr;
+using testing::internal::GetCapturedStderr;
+
+namespace {
+
+class Config : public vt::ConfigTest {
+protected:
+    /* Start-up steps 2 and 10, as the server runs them. */
+    void start()
+    {
+        MIniData_Destroy(state.h_ini);
+        state = state_s{};
+        ASSERT_EQ(0, util_ini_open());
+        ASSERT_EQ(0, util_ini_read());
+    }
+    std::string ini() const { return vt::read_file(product_file("velatool.ini")); }
+};
+
+TEST_F(Config, AFreshDeviceGetsEveryDefaultAndNoPatch)
+{
+    start();
+    EXPECT_EQ("[battery]\n"
+              "low_threshold=3.6000000000000001\n"
+              "crit_threshold=3.5499999999999998\n"
+              "hysteresis=0.050000000000000003\n"
+              "cycle_low_threshold=3.7000000000000002\n"
+              "cycle_high_threshold=3.8999999999999999\n"
+              "almost_full_threshold=4\n"
+              "suspend_interval_time=600\n"
+              "[channel]\n"
+              "w_offset=39830\n"
+              "w_scale=8.1859099999999997e-06\n"
+              "f=20000\n"
+              "calibration_rev=2\n"
+              "[motor]\n"
+              "x_corr=1\n"
+              "skip_samples=300\n",
+              ini());
+    EXPECT_DOUBLE_EQ(8.18591e-06, state.w_scale);
+    EXPECT_EQ(39830, state.w_offset);
+    EXPECT_EQ(300u, state.skip_samples);
+    EXPECT_DOUBLE_EQ(1.0, state.x_corr);
+    EXPECT_DOUBLE_EQ(3.55, state.vbatt_crit_threshold);
+    EXPECT_DOUBLE_EQ(4.0, state.vbatt_almost_full_threshold);
+    EXPECT_EQ(600, state.suspend_interval_time);
+    EXPECT_DOUBLE_EQ(20000.0, state.f);
+}
+
+TEST_F(Config, AnOldCalibrationIsPatchedExactlyOnce)
+{
+    write_product_file("velatool.ini", "; calibrated 2019\n[channel]\nw_scale=1.0\n");
+    _MTrace_SetLevel(MTRACE_DOMAIN, 3);
+    CaptureStderr();
+    start();
+    std::string trace = GetCapturedStderr();
+    EXPECT_THAT(trace, HasSubstr("patching w_scale=1.000000"));
+    EXPECT_THAT(trace, HasSubstr("new w_scale=0.920000"));
+    EXPECT_DOUBLE_EQ(0.92, state.w_scale);
+    EXPECT_THAT(ini(), HasSubstr("; calibrated 2019\n[battery]"));
+    EXPECT_THAT(ini(), HasSubstr("[channel]\nw_scale=0.92000000000000004\ncalibration_rev=1\n"));
+    /* A present section gets no defaults: these fall back as they do. */
+    EXPECT_EQ(0, state.w_offset);
+    EXPECT_DOUBLE_EQ(20000.0, state.f);
+
+    CaptureStderr();
+    start();
+    EXPECT_THAT(GetCapturedStderr(), Not(HasSubstr("patching")));
+    EXPECT_DOUBLE_EQ(0.92, state.w_scale);
+}
+
+TEST_F(Config, ValuesAreCheckedOnReadingButTheFileKeepsThem)
+{
+    write_product_file("velatool.ini", "[motor]\nx_corr=1.5\nskip_samples=12\n"
+                                       "[battery]\nhysteresis=0.1\ncycle_low_threshold=3.5\nsuspend_interval_time=5\n"
+                                       "[channel]\ncalibration_rev=2\nw_offset=70000\n"
+                                       "[general]\nremotetest=1\n");
+    _MTrace_SetLevel(MTRACE_DOMAIN, 4);
+    CaptureStderr();
+    start();
+    std::string trace = GetCapturedStderr();
+    _MTrace_SetLevel(MTRACE_DOMAIN, 3);
+    EXPECT_THAT(trace, HasSubstr("x_corr clamped to 1.000000"));
+    EXPECT_THAT(trace, HasSubstr("cylce_low_threshold=3.500000"));
+    EXPECT_DOUBLE_EQ(1.0, state.x_corr);
+    EXPECT_THAT(ini(), HasSubstr("x_corr=1.5\n"));
+    EXPECT_EQ(12u, state.skip_samples);
+    EXPECT_EQ(10, state.suspend_interval_time);
+    EXPECT_THAT(ini(), HasSubstr("suspend_interval_time=5\n"));
+    EXPECT_EQ(uint16_t(70000), state.w_offset);
+    EXPECT_EQ(1, state.remotetest);
+    /* The battery section lacks the thresholds: zero, not the defaults. */
+    EXPECT_DOUBLE_EQ(0.1, state.vbatt_hysteresis);
+    EXPECT_DOUBLE_EQ(0.0, state.vbatt_low_threshold);
+    EXPECT_DOUBLE_EQ(0.0, state.vbatt_almost_full_threshold);
+}
+
+TEST_F(Config, AnUnreadableFileIsKeptAsideAndTheDefaultsTakeOver)
+{
+    const std::string bad[] = {
+        "[motor]\nx_corr=1.1\n[motor]\nskip_samples=1\n",    /* a section twice */
+        std::string("\xff\xfe[\0m\0o\0t\0o\0r\0]\0", 16),     /* UTF-16 */
+        "garbage before any section\n",
+    };
+    for (const std::string& text : bad) {
+        write_product_file("velatool.ini", text);
+        start();
+        EXPECT_EQ(text, vt::read_file(product_file("velatool.ini.bad")));
+        EXPECT_THAT(ini(), HasSubstr("calibration_rev=2"));
+        EXPECT_DOUBLE_EQ(1.0, state.x_corr);
+        EXPECT_EQ(300u, state.skip_samples);
+    }
+}
+
+TEST_F(Config, WithoutAFolderThereIsNoStart)
+{
+    setenv("ORVIK_CONFIGPATH", "relative/path", 1);
+    EXPECT_EQ(-1, util_ini_open());
+    EXPECT_EQ(-1, sync_inipath());
+    setenv("ORVIK_CONFIGPATH", root.path().c_str(), 1);
+    EXPECT_EQ(0, sync_inipath());
+}
+
+} // namespace
