@@ -56,9 +56,13 @@ bool path_has_prefix(const std::string& path, const std::string& prefix)
     if (path.compare(0, prefix.size(), prefix) != 0)
         return false;
     /* "/var/opt" covers "/var/opt" and "/var/opt/x", not "/var/optx"; a
-     * prefix ending in '-' or '/' is a plain string prefix. */
+     * prefix ending in '-' or '/' is a plain string prefix; a device family
+     * covers its numbered devices ("/dev/spidev" covers "/dev/spidev1.1"). */
     char last = prefix.back();
-    return path.size() == prefix.size() || last == '/' || last == '-' || path[prefix.size()] == '/';
+    if (path.size() == prefix.size() || last == '/' || last == '-')
+        return true;
+    char next = path[prefix.size()];
+    return next == '/' || (next >= '0' && next <= '9');
 }
 
 std::string read_text(const std::string& path)
@@ -570,6 +574,17 @@ std::shared_ptr<OpenFile> Board::forget(int fd)
     files_.erase(it);
     mark_fd(fd, false);
     return of;
+}
+
+std::vector<int> Board::descriptors(const std::string& path)
+{
+    std::lock_guard<std::recursive_mutex> lock(mu_);
+    std::vector<int> fds;
+    for (const auto& [fd, of] : files_) {
+        if (of->node->path() == path)
+            fds.push_back(fd);
+    }
+    return fds;
 }
 
 void Board::advance()

@@ -161,6 +161,8 @@ public:
     std::shared_ptr<OpenFile> file(int fd);
     std::shared_ptr<OpenFile> forget(int fd);
     static bool is_board_fd(int fd);
+    /* The descriptors open on the node at path, lowest first. */
+    std::vector<int> descriptors(const std::string& path);
 
     /* Models and parameters */
     void add_model(Model* m) { models_.push_back(m); }

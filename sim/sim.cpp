@@ -75,6 +75,12 @@ void fault(const std::string& device, const std::string& op, int err, int count)
     Board::get().add_fault(f);
 }
 
+std::vector<int> descriptors(const std::string& path)
+{
+    Guard g;
+    return Board::get().descriptors(path);
+}
+
 std::string sandbox()
 {
     Guard g;

@@ -30,6 +30,9 @@ bool set(const std::string& key, const std::string& value);
  * short by one byte; count -1 fails for ever. */
 void fault(const std::string& device, const std::string& op, int err, int count = 1);
 
+/* The program's descriptors open on a device or attribute (leak checks). */
+std::vector<int> descriptors(const std::string& path);
+
 /* The sandbox directory of the board. */
 std::string sandbox();
 /* Brings every model up to now (for tests that look at the physics). */
