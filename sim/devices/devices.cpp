@@ -1,7 +1,6 @@
 #include "devices.h"
 
 #include "i2c.h"
-#include "instrument.h"
 
 namespace sim {
 
@@ -19,18 +18,11 @@ void register_devices(Board& board)
 {
     i2c_bus(board, "/dev/i2c-0");
     i2c_bus(board, "/dev/i2c-1");
+    add_supply(board);
     add_drive(board);
     add_measurement(board);
+    add_iio_adc(board);
     add_rtc(board);
-}
-
-/* The channel's devices come with their own issue; the channel's state is
- * here already so that everything that depends on it can be built. */
-void add_measurement(Board& board)
-{
-    MeasChannel& meas = instrument().meas;
-    meas.register_params(board.params());
-    board.add_model(&meas);
 }
 
 } // namespace sim

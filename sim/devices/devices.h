@@ -15,8 +15,10 @@ I2cBus* i2c_bus(Board& board, const std::string& path);
 /* Each adds its physics models before the devices that watch them: models are
  * advanced in the order they were added. */
 void add_rtc(Board& board);
+void add_supply(Board& board);
 void add_drive(Board& board);
 void add_measurement(Board& board);
+void add_iio_adc(Board& board);
 
 } // namespace sim
 
