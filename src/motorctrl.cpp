@@ -37,22 +37,12 @@ int vela_motor_dac_write(uint16_t val)
     /* Fast write: power-down bits 0, then the 12-bit code. */
     uint8_t data[2] = {(uint8_t)((val >> 8) & 0x0F), (uint8_t)(val & 0xFF)};
 
-    /* Only failed writes are retried. Note the counter: a success on the
-     * tenth attempt leaves it at 0 and counts as failure, ten failures leave
-     * it at -1 and count as success. */
-    int retries = 10;
-    while (retries--) {
-        ssize_t ret = write(fd, data, 2);
-        if (ret < 0) {
-            usleep(1000);
-            continue;
-        }
-        if (ret != 2) {
-            MTRACE(3, "vela_motor_dac_write(): write() result(%d) != 2 with errno %d", (int)ret, errno);
-            close(fd);
-            return -1;
-        }
-        break;
+    int retries;
+    ssize_t ret = vela_i2c_write_retry(fd, data, 2, &retries);
+    if (ret >= 0 && ret != 2) {
+        MTRACE(3, "vela_motor_dac_write(): write() result(%d) != 2 with errno %d", (int)ret, errno);
+        close(fd);
+        return -1;
     }
     close(fd);
     if (retries == 0) {
@@ -62,6 +52,20 @@ int vela_motor_dac_write(uint16_t val)
     usleep(10000); /* DAC output settles */
     MTRACE(3, "vela_motor_dac_write(): success (val=%04x)\n", val);
     return 0;
+}
+
+ssize_t vela_i2c_write_retry(int fd, const void* data, size_t len, int* retries)
+{
+    ssize_t ret = -1;
+    int left = 10;
+    while (left--) {
+        ret = write(fd, data, len);
+        if (ret >= 0)
+            break;
+        usleep(1000);
+    }
+    *retries = left;
+    return ret;
 }
 
 int vela_motor_power_ctrl(int on)
