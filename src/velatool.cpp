@@ -6,6 +6,8 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "am335x_adc.h"
+#include "measurement.h"
 #include "motorctrl.h"
 #include "mtrace.h"
 
@@ -183,6 +185,60 @@ static int action_mpower(void)
     return vela_motor_power_ctrl(value);
 }
 
+static int action_cpower(void)
+{
+    int value = atoi(options.arg[0]);
+    print_power("Measurement channel power", value);
+    return vela_meas_power_ctrl(value);
+}
+
+static int action_poti(void)
+{
+    uint16_t value = (uint16_t)strtoul(options.arg[0], NULL, 0);
+    printf("Writing 0x%04x to I2C poti\n", value);
+    return vela_meas_poti_write(value);
+}
+
+/* No argument: the fixed 20 kHz set-up; "0x..." a frequency register value;
+ * anything else a frequency in Hz. */
+static int action_sine(void)
+{
+    puts("Setup sine wave generator");
+    const char* arg = options.arg[0];
+    if (arg == NULL)
+        return vela_sine_setup();
+    if (strncmp(arg, "0x", 2) == 0) {
+        uint32_t freqreg = (uint32_t)strtoul(arg, NULL, 16);
+        printf("sine_setup with freqreg=0x%08x\n", freqreg);
+        return vela_sine_setup_freqreg(freqreg);
+    }
+    double freq = atof(arg);
+    printf("sine_setup with f=%.2f\n", freq);
+    return vela_sine_setup_ex(freq);
+}
+
+/* Results of the read and of the temperature are not checked: a failed
+ * channel shows its neighbour's value, the dump goes on. */
+static int action_voltages(void)
+{
+    adchnd_t handle;
+    int ret = am335x_adc_init(&handle);
+    if (ret != 0) {
+        printf("am335x_adc_init failed (result=%d)\n", ret);
+        return ret;
+    }
+    struct vela_adc_s values;
+    am335x_adc_read(handle, &values);
+    for (int i = 0; i < VELA_ADC_CHANNELS; i++)
+        printf("%d: %25s: %1.3f\n", i, values.name[i], values.val[i]);
+    float temp = 0.0f;
+    vela_battery_temp(values.val[0], values.val[7], &temp);
+    printf("Battery temperature: %f\n", temp);
+    printf("Motor voltage: %1.2f\n", values.val[4] - values.val[5]);
+    am335x_adc_close(handle);
+    return 0;
+}
+
 static int action_vganf(void)
 {
     puts("Query endswitch state:");
@@ -205,9 +261,13 @@ struct action_s {
 };
 
 static const struct action_s actions[] = {
+    {'V', action_voltages},
     {'a', action_vganf},
+    {'c', action_cpower},
     {'d', action_dac},
     {'m', action_mpower},
+    {'p', action_poti},
+    {'s', action_sine},
     {0, NULL},
 };
 

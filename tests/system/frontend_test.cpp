@@ -1,0 +1,127 @@
+/* The internal ADC and measurement front-end actions of the real binary on
+ * the simulated board. */
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <regex>
+#include <utility>
+
+#include "simrun.h"
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+namespace {
+
+/* "-V" output: eight "%d: %25s: %1.3f" lines, then the temperature and the
+ * motor voltage. Returns the battery voltage and the temperature. */
+std::pair<double, double> parse_voltages(const std::string& out)
+{
+    static const std::regex format(
+        "0:           NTC voltage \\[V\\]: [0-9.]{5}\n"
+        "1:       battery voltage \\[V\\]: ([0-9.]{5})\n"
+        "2:        system voltage \\[V\\]: [0-9.]{5}\n"
+        "3:  motor supply voltage \\[V\\]: [0-9.]{5}\n"
+        "4:        motor\\+ voltage \\[V\\]: [0-9.]{5}\n"
+        "5:        motor- voltage \\[V\\]: [0-9.]{5}\n"
+        "6:      USB host voltage \\[V\\]: [0-9.]{5}\n"
+        "7:      NTC ref. voltage \\[V\\]: [0-9.]{5}\n"
+        "Battery temperature: ([0-9]+\\.[0-9]{6})\n"
+        "Motor voltage: -?[0-9]\\.[0-9]{2}\n");
+    std::smatch m;
+    EXPECT_TRUE(std::regex_match(out, m, format)) << out;
+    return m.empty() ? std::make_pair(0.0, 0.0) : std::make_pair(std::stod(m[1]), std::stod(m[2]));
+}
+
+TEST(FrontEndActions, VoltagesDumpTheBoardAsItIs)
+{
+    vt::SimBoard healthy;
+    vt::ProcessResult r = healthy.velatool({"-V"});
+    EXPECT_EQ(0, r.status);
+    auto [battery, temperature] = parse_voltages(r.out);
+    EXPECT_NEAR(3.9, battery, 0.01);
+    EXPECT_NEAR(25.0, temperature, 0.3);
+
+    /* Motor+ minus motor- while the drive moves away at 0.5 mm/s. */
+    vt::SimBoard moving("[adc]\nnoise_codes = 0\n[motor]\npower = 1\ndac = 2527\n");
+    r = moving.velatool({"-V"});
+    EXPECT_THAT(r.out, HasSubstr("\nMotor voltage: -1.25\n"));
+    EXPECT_TRUE(moving.journal().empty()); /* reading changes nothing */
+}
+
+TEST(FrontEndActions, SineTakesARegisterAFrequencyOrNothing)
+{
+    vt::SimBoard board;
+    vt::ProcessResult r = board.velatool({"-s", "0x1000"});
+    EXPECT_EQ(0, r.status);
+    EXPECT_EQ("Setup sine wave generator\nsine_setup with freqreg=0x00001000\n", r.out);
+    EXPECT_THAT(board.journal(),
+                ElementsAre("/dev/spidev1.1 mode 2", "/dev/spidev1.1 transfer 2100", "/dev/spidev1.1 transfer 5000",
+                            "/dev/spidev1.1 transfer 4000", "/dev/spidev1.1 transfer 9000",
+                            "/dev/spidev1.1 transfer 8000", "/dev/spidev1.1 transfer 2000"));
+
+    r = board.velatool({"-s", "20010.5"});
+    EXPECT_EQ(0, r.status);
+    EXPECT_EQ("Setup sine wave generator\nsine_setup with f=20010.50\n", r.out);
+    std::vector<std::string> words = vt::grep(board.journal(), "transfer");
+    ASSERT_EQ(12u, words.size());
+    EXPECT_EQ("/dev/spidev1.1 transfer 5f68", words[7]); /* 335720 = 0x51f68 */
+    EXPECT_EQ("/dev/spidev1.1 transfer 4014", words[8]);
+
+    r = board.velatool({"-s"});
+    EXPECT_EQ(0, r.status);
+    EXPECT_EQ("Setup sine wave generator\n", r.out);
+    words = vt::grep(board.journal(), "transfer");
+    ASSERT_EQ(18u, words.size());
+    EXPECT_EQ("/dev/spidev1.1 transfer 5eb8", words[13]);
+    EXPECT_EQ("/dev/spidev1.1 transfer 9eb8", words[15]);
+}
+
+/* A missing ADC channel fails -V with init's -1; a generator whose mode is
+ * refused fails -s with the positive 1. */
+TEST(FrontEndActions, DeviceFailuresBecomeTheExitStatus)
+{
+    const struct {
+        const char* scenario;
+        const char* action;
+        int status;
+        const char* out;
+        const char* err;
+    } cases[] = {
+        {"absent = /sys/bus/iio/devices/iio:device0/in_voltage3_raw\n", "-V", 255,
+         "am335x_adc_init failed (result=-1)\nFailed.\n",
+         "/sys/bus/iio/devices/iio:device0/in_voltage3_raw: No such file or directory"},
+        {"fault = /dev/spidev1.1 ioctl EINVAL\n", "-s", 1, "Setup sine wave generator\nFailed.\n",
+         "open: Invalid argument"},
+    };
+    for (const auto& c : cases) {
+        vt::SimBoard board(c.scenario);
+        vt::ProcessResult r = board.velatool({c.action});
+        EXPECT_EQ(c.status, r.status) << c.action;
+        EXPECT_EQ(c.out, r.out);
+        EXPECT_THAT(r.err, HasSubstr(c.err));
+        EXPECT_TRUE(board.journal().empty());
+    }
+}
+
+TEST(FrontEndActions, PotiAndChannelPower)
+{
+    vt::SimBoard board;
+    vt::ProcessResult r = board.velatool({"-p", "256"});
+    EXPECT_EQ(0, r.status);
+    EXPECT_EQ("Writing 0x0100 to I2C poti\n", r.out);
+    r = board.velatool({"-p", "257"});
+    EXPECT_EQ(234, r.status); /* -EINVAL */
+    EXPECT_EQ("Writing 0x0101 to I2C poti\nFailed.\n", r.out);
+
+    r = board.velatool({"-c", "1"});
+    EXPECT_EQ(0, r.status);
+    EXPECT_EQ("Measurement channel power: on\n", r.out);
+    r = board.velatool({"-c", "2"});
+    EXPECT_EQ(234, r.status);
+    EXPECT_EQ("Failed.\n", r.out);
+    EXPECT_THAT(board.journal(),
+                ElementsAre("/dev/i2c-1@0x2e write 01 00", "/sys/class/gpio/meas_power/value write 1"));
+}
+
+} // namespace

@@ -1,0 +1,161 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <unistd.h>
+
+#include "measurement.h"
+#include "simtest.h"
+#include "velatool.h"
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::internal::CaptureStderr;
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStderr;
+using testing::internal::GetCapturedStdout;
+
+namespace {
+
+const char kSpi[] = "/dev/spidev1.1";
+const char kPoti[] = "/dev/i2c-1@0x2e";
+
+double sine_hz()
+{
+    return std::stod(sim::get("meas.sine_hz"));
+}
+
+class Measurement : public vt::SimTest {};
+
+TEST_F(Measurement, ChannelPowerTakesOnlyZeroAndOne)
+{
+    EXPECT_EQ(-EINVAL, vela_meas_power_ctrl(2));
+    EXPECT_TRUE(vt::entries("meas_power").empty());
+    EXPECT_EQ(0, vela_meas_power_ctrl(1));
+    EXPECT_EQ("1", sim::get("meas.power"));
+    EXPECT_EQ(0, vela_meas_power_ctrl(0));
+    EXPECT_EQ("0", sim::get("meas.power"));
+    EXPECT_THAT(vt::entries("meas_power"), ElementsAre("/sys/class/gpio/meas_power/value write 1",
+                                                       "/sys/class/gpio/meas_power/value write 0"));
+}
+
+TEST_F(Measurement, TwentyKiloHertzSetUpRunsTheGeneratorUntilPowerGoesOff)
+{
+    ASSERT_EQ(0, vela_meas_power_ctrl(1));
+    EXPECT_EQ(0.0, sine_hz());
+    EXPECT_EQ(0, vela_sine_setup());
+    EXPECT_THAT(vt::entries("spidev"),
+                ElementsAre("/dev/spidev1.1 mode 2", "/dev/spidev1.1 transfer 2100", "/dev/spidev1.1 transfer 5eb8",
+                            "/dev/spidev1.1 transfer 4014", "/dev/spidev1.1 transfer 9eb8",
+                            "/dev/spidev1.1 transfer 8014", "/dev/spidev1.1 transfer 2000"));
+    EXPECT_EQ("335544", sim::get("sine.freq0"));
+    EXPECT_EQ("335544", sim::get("sine.freq1"));
+    EXPECT_NEAR(20000.0, sine_hz(), 0.1);
+    EXPECT_TRUE(sim::descriptors(kSpi).empty());
+
+    /* Off and on again: the generator has forgotten its set-up. */
+    ASSERT_EQ(0, vela_meas_power_ctrl(0));
+    EXPECT_EQ(0.0, sine_hz());
+    ASSERT_EQ(0, vela_meas_power_ctrl(1));
+    EXPECT_EQ(0.0, sine_hz());
+    EXPECT_EQ("0", sim::get("sine.freq0"));
+}
+
+TEST_F(Measurement, FrequencyIsRoundedToTheNearestRegisterStep)
+{
+    EXPECT_EQ(0, vela_sine_setup_ex(21010.0));
+    EXPECT_THAT(vt::entries("transfer"),
+                ElementsAre("/dev/spidev1.1 transfer 2100", "/dev/spidev1.1 transfer 60e9", "/dev/spidev1.1 transfer 4015",
+                            "/dev/spidev1.1 transfer a0e9", "/dev/spidev1.1 transfer 8015",
+                            "/dev/spidev1.1 transfer 2000"));
+    EXPECT_EQ(0.0, sine_hz()); /* the channel is off: nobody listened */
+
+    ASSERT_EQ(0, vela_meas_power_ctrl(1));
+    EXPECT_EQ(0, vela_sine_setup_ex(21010.0));
+    EXPECT_EQ("352489", sim::get("sine.freq0")); /* 0x560e9 */
+    EXPECT_NEAR(21010.0, sine_hz(), 0.06);
+
+    EXPECT_EQ(0, vela_sine_setup_ex(1.0)); /* 16.78 steps */
+    EXPECT_EQ("17", sim::get("sine.freq0"));
+}
+
+TEST_F(Measurement, GeneratorFailuresReturnPositiveOne)
+{
+    sim::control(std::string("absent ") + kSpi);
+    CaptureStderr();
+    EXPECT_EQ(1, vela_sine_setup());
+    EXPECT_THAT(GetCapturedStderr(), HasSubstr("open: No such file or directory"));
+    sim::control("faults-clear");
+
+    /* A refused mode leaves the device open and sends nothing. */
+    sim::fault(kSpi, "ioctl", EINVAL);
+    CaptureStderr();
+    EXPECT_EQ(1, vela_sine_setup_freqreg(0x1000));
+    EXPECT_THAT(GetCapturedStderr(), HasSubstr("open: Invalid argument"));
+    EXPECT_TRUE(vt::entries("spidev").empty());
+    std::vector<int> open_fds = sim::descriptors(kSpi);
+    ASSERT_EQ(1u, open_fds.size());
+    close(open_fds[0]);
+}
+
+TEST_F(Measurement, PotiSendsTheNineBitWiperOrRefusesWithoutOpeningTheBus)
+{
+    EXPECT_EQ(0, vela_meas_poti_write(256));
+    EXPECT_EQ(0, vela_meas_poti_write(255));
+    EXPECT_THAT(vt::entries("0x2e"), ElementsAre("/dev/i2c-1@0x2e write 01 00", "/dev/i2c-1@0x2e write 00 ff"));
+    EXPECT_EQ("255", sim::get("meas.poti"));
+
+    /* 257 is refused before the bus is opened: the open fault stays for the
+     * next call. Verbose output names the value either way. */
+    sim::fault("/dev/i2c-1", "open", ENOENT);
+    options.verbose = 1;
+    CaptureStdout();
+    EXPECT_EQ(-EINVAL, vela_meas_poti_write(257));
+    options.verbose = 0;
+    EXPECT_EQ("vela_meas_poti_write(): wiperpos=0x101\n", GetCapturedStdout());
+    CaptureStderr();
+    EXPECT_EQ(-1, vela_meas_poti_write(0));
+    EXPECT_THAT(GetCapturedStderr(), HasSubstr("/dev/i2c-1: No such file or directory"));
+
+    sim::fault("/dev/i2c-1", "ioctl", EBUSY);
+    CaptureStderr();
+    EXPECT_EQ(-1, vela_meas_poti_write(0));
+    EXPECT_THAT(GetCapturedStderr(), HasSubstr("ioctl(I2C_SLAVE): Device or resource busy"));
+    EXPECT_TRUE(sim::descriptors("/dev/i2c-1").empty());
+    EXPECT_EQ(2u, vt::entries("0x2e").size());
+}
+
+TEST_F(Measurement, PotiRetriesFailedWritesWithTheMotorDacCounterRule)
+{
+    sim::fault(kPoti, "write", EREMOTEIO, 1);
+    EXPECT_EQ(0, vela_meas_poti_write(0x40));
+    EXPECT_THAT(vt::entries("0x2e"), ElementsAre("/dev/i2c-1@0x2e write 00 40 -> EREMOTEIO",
+                                                 "/dev/i2c-1@0x2e write 00 40"));
+
+    /* Success on the tenth attempt counts as failure... */
+    sim::journal_clear();
+    sim::fault(kPoti, "write", ETIMEDOUT, 9);
+    CaptureStderr();
+    EXPECT_EQ(-1, vela_meas_poti_write(0x50));
+    EXPECT_THAT(GetCapturedStderr(), HasSubstr("write(..., &data, 2): "));
+    EXPECT_EQ(10u, vt::entries("0x2e").size());
+    EXPECT_EQ("80", sim::get("meas.poti"));
+
+    /* ...and ten failures as success. */
+    sim::journal_clear();
+    sim::fault(kPoti, "write", EIO, 10);
+    EXPECT_EQ(0, vela_meas_poti_write(0x60));
+    EXPECT_EQ(10u, vt::entries("-> EIO").size());
+    EXPECT_EQ("80", sim::get("meas.poti"));
+
+    /* A short write is not retried. */
+    sim::journal_clear();
+    sim::fault(kPoti, "write", 0 /* short */, 1);
+    CaptureStderr();
+    EXPECT_EQ(-1, vela_meas_poti_write(0x70));
+    EXPECT_THAT(GetCapturedStderr(), HasSubstr("write(..., &data, 2) incomplete"));
+    EXPECT_EQ(1u, vt::entries("0x2e").size());
+    EXPECT_TRUE(sim::descriptors("/dev/i2c-1").empty());
+}
+
+} // namespace
