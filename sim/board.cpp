@@ -532,11 +532,14 @@ bool Board::is_board_fd(int fd)
     return (g_fd_bits[fd / 64].load(std::memory_order_relaxed) >> (fd % 64)) & 1;
 }
 
-/* Every board descriptor is a real one (an eventfd) so that its number is
- * taken in the kernel and close/dup/fcntl behave. */
+/* Every board descriptor is a real one (an eventfd unless the node made its
+ * own) so that its number is taken in the kernel and close/dup/fcntl behave. */
 int Board::install(std::shared_ptr<OpenFile> of, int min_fd, bool cloexec)
 {
-    int fd = eventfd(0, EFD_NONBLOCK | (cloexec ? EFD_CLOEXEC : 0));
+    int fd = of->backing_fd;
+    of->backing_fd = -1;
+    if (fd < 0)
+        fd = eventfd(0, EFD_NONBLOCK | (cloexec ? EFD_CLOEXEC : 0));
     if (fd < 0)
         return -errno;
     if (fd < min_fd) {
@@ -754,10 +757,13 @@ int Board::wait(struct pollfd* fds, size_t n, ns_t timeout, const sigset_t* mask
                 serve_control(real[k].fd, real[k].revents);
             }
         }
-        if (ready > 0)
+        if (ready > 0 || now_ns() >= deadline) {
+            /* The program resumes with the models at now: it may look at
+             * shared memory next, without a call into the board. */
+            std::lock_guard<std::recursive_mutex> lock(mu_);
+            advance();
             return ready;
-        if (now_ns() >= deadline)
-            return 0;
+        }
     }
 }
 

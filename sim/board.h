@@ -47,6 +47,10 @@ struct OpenFile {
     int64_t pos = 0;
     uint64_t seen_event = 0; /* sysfs change notifications this open file has seen */
     std::unique_ptr<OpenState> state;
+    /* A real descriptor that a node's open() made to stand for the file (the
+     * serial port's pty): the program gets it instead of an eventfd, so that
+     * calls the board does not wrap (termios) work on it natively. */
+    int backing_fd = -1;
 };
 
 /* A file of the board: a device node or an attribute. The bus face the

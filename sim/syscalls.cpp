@@ -336,6 +336,7 @@ int sim_close(int* r, int fd)
     ErrnoKeeper e;
     Board& b = Board::get();
     std::lock_guard<std::recursive_mutex> lock(b.mutex());
+    b.advance(); /* the models see what the program did through the device last */
     release_if_last(b.forget(fd));
     return real_result(r, e, SIM_REAL(close)(fd));
 }
