@@ -22,6 +22,7 @@ void register_devices(Board& board)
     add_drive(board);
     add_measurement(board);
     add_iio_adc(board);
+    add_pruss(board);
     add_rtc(board);
 }
 

@@ -19,6 +19,7 @@ void add_supply(Board& board);
 void add_drive(Board& board);
 void add_measurement(Board& board);
 void add_iio_adc(Board& board);
+void add_pruss(Board& board);
 
 } // namespace sim
 

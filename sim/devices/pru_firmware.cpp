@@ -1,0 +1,268 @@
+#include "pru_firmware.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+
+#include "instrument.h"
+#include "uio_pruss.h"
+
+namespace sim {
+
+namespace {
+
+/* The communication block at the start of the shared RAM, byte offsets. */
+enum : uint32_t {
+    IN_PEXTRAM = 0,
+    OUT_VERSION0 = 4,
+    IN_CMD = 8,
+    IN_MODE = 12,
+    IN_INTERVAL = 16,
+    IN_MAXCOUNT = 20,
+    IN_MINVALID = 24,
+    IN_MAXVALID = 28,
+    IN_FILTER = 32,
+    IN_OVSDEPTH = 36,
+    IN_SKIP_SAMPLES = 40,
+    OUT_COUNT = 44,
+    OUT_LASTSAMPLE = 48,
+    OUT_STATE = 52,
+    OUT_ERROR = 56,
+    OUT_MAX = 60,
+    OUT_MIN = 64,
+    OUT_MAXPOS = 68,
+    OUT_MINPOS = 72,
+    OUT_OF_MINCOUNT = 76,
+    DEBUG0 = 80, /* the phase in use */
+    DEBUG1 = 84, /* the sample that exceeded in_maxvalid */
+    OUT_VERSION1 = 112,
+    IN_DELAY = 116,
+    OUT_PERIODTIME = 120,
+};
+
+constexpr int kEvtToHost = 19;
+constexpr int kEvtFromHost = 21;
+constexpr int kHostPru0 = 0;            /* R31 bit 30 of the PRUs */
+constexpr ns_t kBootTime = 200 * 1000;  /* from enable to the main loop */
+constexpr ns_t kTick = 5;               /* 200 MHz */
+constexpr uint32_t kMaxOvsDepth = 16;
+constexpr uint32_t kErrorOverflow = 2;
+constexpr uint32_t kStandbyInit = 0x10;
+
+const struct {
+    PruFirmware::Fault fault;
+    const char* name;
+} kFaults[] = {
+    {PruFirmware::Fault::None, "none"},
+    {PruFirmware::Fault::NoSignal, "no-signal"},
+    {PruFirmware::Fault::NoStart, "no-start"},
+    {PruFirmware::Fault::NoStop, "no-stop"},
+};
+
+} // namespace
+
+void PruFirmware::register_params(Params& p)
+{
+    p.add({"pru.fault", "firmware fault: none, no-signal (after loading), no-start, no-stop",
+           [this] {
+               for (const auto& f : kFaults) {
+                   if (f.fault == fault_)
+                       return std::string(f.name);
+               }
+               return std::string();
+           },
+           [this](const std::string& t) {
+               for (const auto& f : kFaults) {
+                   if (t == f.name) {
+                       fault_ = f.fault;
+                       return true;
+                   }
+               }
+               return false;
+           },
+           true});
+    p.add_int("pru.error", &error_code_, "error code the firmware reports in every acquisition (0: none)");
+    p.add_readonly("pru.state", [this] { return state(); }, "firmware: off, booting, idle or acquiring");
+}
+
+void PruFirmware::reset()
+{
+    fault_ = Fault::None;
+    error_code_ = 0;
+    phase_ = Phase::Off;
+    acquiring_ = false;
+}
+
+std::string PruFirmware::state() const
+{
+    switch (phase_) {
+    case Phase::Off: return "off";
+    case Phase::Booting: return "booting";
+    case Phase::MainLoop: break;
+    }
+    return acquiring_ ? "acquiring" : "idle";
+}
+
+uint32_t& PruFirmware::comm(uint32_t offset)
+{
+    return pruss_.reg(Pruss::kSharedRam + offset);
+}
+
+void PruFirmware::advance(ns_t now)
+{
+    if (!pruss_.pru_enabled(0) || !pruss_.pru_enabled(1)) {
+        phase_ = Phase::Off;
+        acquiring_ = false;
+        return;
+    }
+    if (phase_ == Phase::Off) {
+        if (!pruss_.code_loaded(0) || !pruss_.code_loaded(1))
+            return;
+        phase_ = Phase::Booting;
+        main_loop_at_ = now + kBootTime;
+    }
+    if (phase_ == Phase::Booting) {
+        if (now < main_loop_at_)
+            return;
+        enter_main_loop();
+    }
+
+    double hz = instrument().meas.sine_hz;
+    comm(OUT_PERIODTIME) = hz > 0 ? static_cast<uint32_t>(std::lround(1e9 / kTick / hz)) : 0;
+    comm(DEBUG0) = comm(IN_DELAY);
+    if (acquiring_) {
+        acquire_until(now);
+        if (acquiring_ && comm(IN_CMD) == 0 && fault_ != Fault::NoStop)
+            finish();
+    }
+    if (!acquiring_ && pruss_.take(kHostPru0, kEvtFromHost) && comm(IN_CMD) == 1 && fault_ != Fault::NoStart)
+        latch(now);
+}
+
+void PruFirmware::enter_main_loop()
+{
+    phase_ = Phase::MainLoop;
+    /* The OCP master port, so that the PRUs reach the DDR pool. */
+    pruss_.reg(Pruss::kCfg + 4) &= ~kStandbyInit;
+    comm(OUT_VERSION0) = kVersion0;
+    comm(OUT_VERSION1) = kVersion1;
+    if (fault_ != Fault::NoSignal)
+        pruss_.raise(kEvtToHost);
+}
+
+void PruFirmware::latch(ns_t now)
+{
+    req_ = {comm(IN_PEXTRAM), comm(IN_MAXCOUNT), comm(IN_INTERVAL), comm(IN_MINVALID), comm(IN_MAXVALID),
+            comm(IN_MODE),    comm(IN_FILTER),   comm(IN_OVSDEPTH), comm(IN_SKIP_SAMPLES)};
+    req_.ovsdepth = std::min(req_.ovsdepth, kMaxOvsDepth);
+    conv_period_ = std::max<ns_t>(1, req_.interval) * kTick;
+    next_conv_ = now + conv_period_;
+    in_sample_ = 0;
+    sum_ = 0;
+    skip_left_ = req_.skip;
+    count_ = 0;
+    have_prev_ = false;
+    pos_time_ = now;
+    pos_mm_ = instrument().drive.position_mm;
+
+    for (uint32_t off : {OUT_COUNT, OUT_LASTSAMPLE, OUT_ERROR, OUT_MAX, OUT_MAXPOS, OUT_MINPOS, OUT_OF_MINCOUNT, DEBUG1})
+        comm(off) = 0;
+    comm(OUT_MIN) = 0xFFFF;
+    comm(OUT_STATE) = 1;
+    acquiring_ = true;
+
+    char text[160];
+    snprintf(text, sizeof text, "count=%u interval=%u ovs=%u filter=%u mode=%u skip=%u min=%u max=%u", req_.maxcount,
+             req_.interval, req_.ovsdepth, req_.filter, req_.mode, req_.skip, req_.minvalid, req_.maxvalid);
+    board_.journal("pruss", "acquire", text);
+}
+
+/* All conversions due up to now, with the probe where the drive had it at
+ * each conversion (it moved at constant speed since the last advance). */
+void PruFirmware::acquire_until(ns_t now)
+{
+    const Instrument& inst = instrument();
+    double p0 = pos_mm_;
+    double p1 = inst.drive.position_mm;
+    ns_t t0 = pos_time_;
+    uint32_t per_sample = 1u << req_.ovsdepth;
+    while (acquiring_ && next_conv_ <= now) {
+        double x = now > t0 ? p0 + (p1 - p0) * static_cast<double>(next_conv_ - t0) / static_cast<double>(now - t0) : p1;
+        sum_ += static_cast<uint64_t>(inst.probe.raw(inst.meas, x, conv_index_++));
+        next_conv_ += conv_period_;
+        if (++in_sample_ < per_sample)
+            continue;
+        uint32_t value = static_cast<uint32_t>(sum_ >> req_.ovsdepth);
+        in_sample_ = 0;
+        sum_ = 0;
+        if (req_.filter == 1) {
+            /* A two-tap average against the previous sample. */
+            uint32_t raw = value;
+            value = have_prev_ ? (value + prev_ + 1) / 2 : value;
+            prev_ = raw;
+            have_prev_ = true;
+        }
+        if (skip_left_ > 0) {
+            skip_left_--;
+            continue;
+        }
+        store(value);
+    }
+    pos_mm_ = p1;
+    pos_time_ = now;
+}
+
+void PruFirmware::store(uint32_t value)
+{
+    /* The monitor keeps overwriting its one sample. */
+    uint32_t index = req_.maxcount == 1 ? 0 : count_;
+    if (uint8_t* p = pruss_.ddr(req_.pextram + 2 * index, 2)) {
+        uint16_t v = static_cast<uint16_t>(value);
+        memcpy(p, &v, sizeof v);
+    }
+    comm(OUT_LASTSAMPLE) = value;
+    if (value > comm(OUT_MAX)) {
+        comm(OUT_MAX) = value;
+        comm(OUT_MAXPOS) = index;
+    }
+    if (value < comm(OUT_MIN)) {
+        comm(OUT_MIN) = value;
+        comm(OUT_MINPOS) = index;
+    }
+    if (value < req_.minvalid)
+        comm(OUT_OF_MINCOUNT)++;
+    if (comm(OUT_ERROR) == 0 && value > req_.maxvalid) {
+        comm(DEBUG1) = value;
+        comm(OUT_ERROR) = kErrorOverflow;
+    }
+    if (comm(OUT_ERROR) == 0 && error_code_ != 0)
+        comm(OUT_ERROR) = static_cast<uint32_t>(error_code_);
+    count_ = req_.maxcount == 1 ? 1 : count_ + 1;
+    comm(OUT_COUNT) = count_;
+    if (req_.maxcount != 1 && count_ >= req_.maxcount)
+        finish();
+}
+
+void PruFirmware::finish()
+{
+    comm(OUT_STATE) = 0;
+    acquiring_ = false;
+    board_.journal("pruss", "done", "count=" + std::to_string(comm(OUT_COUNT)) + " error=" + std::to_string(comm(OUT_ERROR)));
+}
+
+/* The waits need to wake for the main-loop signal and for the end of a
+ * counted acquisition; samples are computed whenever anyone looks. */
+ns_t PruFirmware::next_event(ns_t) const
+{
+    if (phase_ == Phase::Booting)
+        return main_loop_at_;
+    if (!acquiring_ || req_.maxcount == 1)
+        return kNever;
+    /* A request for no samples ends after the first. */
+    uint64_t samples_left = std::max<uint64_t>(req_.maxcount, 1) - count_ + skip_left_;
+    uint64_t conversions_left = (samples_left << req_.ovsdepth) - in_sample_;
+    return next_conv_ + static_cast<ns_t>(conversions_left - 1) * conv_period_;
+}
+
+} // namespace sim

@@ -1,0 +1,78 @@
+/*
+ * What the acquisition firmware on the two PRUs does, as far as the host can
+ * tell, run lazily: every advance computes all conversions due since the last
+ * one in one go, publishing each sample before the count that covers it.
+ *
+ * It starts when both PRUs are enabled with code loaded, enters its main loop
+ * and signals event 19; it latches a request on event 21 while in_cmd is 1,
+ * samples the probe through the measurement channel, and returns to its main
+ * loop when a counted acquisition is complete or in_cmd goes to 0.
+ */
+#ifndef VELASIM_PRU_FIRMWARE_H
+#define VELASIM_PRU_FIRMWARE_H
+
+#include <stdint.h>
+#include <string>
+
+#include "board.h"
+
+namespace sim {
+
+class Pruss;
+
+class PruFirmware {
+public:
+    /* Faults on demand (param pru.fault). */
+    enum class Fault { None, NoSignal, NoStart, NoStop };
+
+    static constexpr uint32_t kVersion0 = 21;
+    static constexpr uint32_t kVersion1 = 12;
+
+    PruFirmware(Pruss& pruss, Board& board) : pruss_(pruss), board_(board) {}
+
+    void register_params(Params& params);
+    void reset();
+    void advance(ns_t now);
+    ns_t next_event(ns_t now) const;
+    std::string state() const;
+
+private:
+    enum class Phase { Off, Booting, MainLoop };
+
+    /* A request as latched from the communication block. */
+    struct Request {
+        uint32_t pextram, maxcount, interval, minvalid, maxvalid, mode, filter, ovsdepth, skip;
+    };
+
+    uint32_t& comm(uint32_t offset);
+    void enter_main_loop();
+    void latch(ns_t now);
+    void acquire_until(ns_t now);
+    void store(uint32_t value);
+    void finish();
+
+    Pruss& pruss_;
+    Board& board_;
+    Fault fault_ = Fault::None;
+    int error_code_ = 0; /* param pru.error: reported from the first sample on */
+
+    Phase phase_ = Phase::Off;
+    ns_t main_loop_at_ = 0;
+    bool acquiring_ = false;
+    Request req_{};
+    ns_t conv_period_ = 0;
+    ns_t next_conv_ = 0;    /* time of the next conversion */
+    uint64_t conv_index_ = 0;
+    uint32_t in_sample_ = 0; /* conversions summed for the current sample */
+    uint64_t sum_ = 0;
+    uint32_t skip_left_ = 0;
+    uint32_t count_ = 0;
+    bool have_prev_ = false;
+    uint32_t prev_ = 0;      /* previous unfiltered sample */
+    ns_t pos_time_ = 0;      /* drive position at the last advance */
+    double pos_mm_ = 0;
+};
+
+} // namespace sim
+
+#endif
