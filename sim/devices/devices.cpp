@@ -23,6 +23,7 @@ void register_devices(Board& board)
     add_measurement(board);
     add_iio_adc(board);
     add_pruss(board);
+    add_opto_port(board);
     add_rtc(board);
 }
 

@@ -20,6 +20,7 @@ void add_drive(Board& board);
 void add_measurement(Board& board);
 void add_iio_adc(Board& board);
 void add_pruss(Board& board);
+void add_opto_port(Board& board);
 
 } // namespace sim
 
