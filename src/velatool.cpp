@@ -7,6 +7,7 @@
 #include <string.h>
 
 #include "am335x_adc.h"
+#include "aquisition.h"
 #include "measurement.h"
 #include "motorctrl.h"
 #include "mtrace.h"
@@ -253,6 +254,14 @@ static int action_vganf(void)
     return ret;
 }
 
+static int action_aquisition(void)
+{
+    int mode = atoi(options.arg[0]);
+    puts("Aquiring data:");
+    int ret = do_aquisition(options.filename, mode, 1);
+    return ret > 0 ? 0 : ret; /* a histogram width is no failure */
+}
+
 /* One row per action letter whose hardware support is built; any other letter
  * takes the "not implemented" path. */
 struct action_s {
@@ -262,6 +271,7 @@ struct action_s {
 
 static const struct action_s actions[] = {
     {'V', action_voltages},
+    {'A', action_aquisition},
     {'a', action_vganf},
     {'c', action_cpower},
     {'d', action_dac},

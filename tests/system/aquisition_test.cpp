@@ -1,0 +1,141 @@
+/* The test acquisition of the real binary on the simulated board. */
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <unistd.h>
+
+#include "simrun.h"
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+namespace {
+
+/* Channel on, sine at 20 kHz. */
+const char kMeasuring[] = "[meas]\npower = 1\n[sine]\ncontrol = 0\nfreq0 = 335544\n";
+
+size_t count_of(const std::string& text, const std::string& needle)
+{
+    size_t n = 0;
+    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1))
+        n++;
+    return n;
+}
+
+/* Journal entries that mention needle, once there are at least n of them. */
+std::vector<std::string> await_entries(const vt::SimBoard& board, const std::string& needle, size_t n)
+{
+    long long deadline = vt::now_ms() + 20000;
+    std::vector<std::string> found;
+    while ((found = vt::grep(board.journal(), needle)).size() < n && vt::now_ms() < deadline)
+        usleep(20000);
+    return found;
+}
+
+bool await_output(vt::ChildProcess& child, const std::string& needle, size_t n = 1)
+{
+    return child.wait_output(20000, [&](const std::string& out, const std::string& err) {
+        return count_of(out + err, needle) >= n;
+    });
+}
+
+TEST(Aquisition, CountedAcquisitionWritesTheSampleFile)
+{
+    vt::SimBoard board(std::string(kMeasuring) + "[pru]\nextram_size = 8192\n");
+    std::string file = board.dir() + "/samples.txt";
+    vt::ProcessResult r = board.velatool({"-A", "0", "-f", file});
+    EXPECT_EQ(0, r.status); /* the histogram width is no failure */
+    EXPECT_EQ(0u, r.out.find("Aquiring data:\naquisition: count: "));
+    EXPECT_THAT(r.out, HasSubstr("\ndone: error=0\ncommunication structure:\n"));
+    EXPECT_THAT(r.out, HasSubstr("\nHistogram width: "));
+    EXPECT_EQ(std::string::npos, r.out.find("Failed."));
+    EXPECT_EQ(4096u, count_of(vt::read_file(file), "\n"));
+    EXPECT_THAT(vt::grep(board.journal(), "pruss"),
+                ElementsAre("pruss pru0 start 0x0724", "pruss pru1 start 0x0220", "pruss raise 21",
+                            "pruss acquire count=4096 interval=1562 ovs=6 filter=1 mode=9 skip=0 min=0 max=65535",
+                            "pruss done count=4096 error=0", "pruss pru0 stop", "pruss pru1 stop",
+                            "pruss SYSCFG 0x0000001a"));
+
+    r = board.velatool({"-A", "2", "-f", "/nonexistent/samples.txt"});
+    EXPECT_EQ(255, r.status);
+    EXPECT_THAT(r.out, HasSubstr("\nFailed.\n"));
+    EXPECT_EQ("ERROR: writing to file failed\n", r.err.substr(r.err.find("ERROR: ")));
+}
+
+/* Without a sample limit the test acquisition would run for minutes; both
+ * pools are cut to 10 s at 2000 samples per second. */
+TEST(Aquisition, ModeZeroIsCutToTenSeconds)
+{
+    const struct {
+        const char* pool;
+        const char* times;
+    } cases[] = {
+        {"262144", "aquisition time w/o oversampling: 1024 ms\naquisition time with oversampling (x64): 65536 ms\n"},
+        {"4194304", "aquisition time w/o oversampling: 16384 ms\naquisition time with oversampling (x64): 1048576 ms\n"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.pool);
+        vt::SimBoard board(std::string(kMeasuring) + "[pru]\nextram_size = " + c.pool + "\n");
+        vt::ChildProcess child;
+        ASSERT_TRUE(board.start(child, {"-v", "-A", "0"}));
+        ASSERT_TRUE(await_output(child, "wait for firmware job done"));
+        EXPECT_THAT(child.out(), HasSubstr(std::string(c.times) +
+                                           "reducing samples to: 20000 (max. aqusitiontime is 10000 ms)\n"));
+        EXPECT_THAT(await_entries(board, "acquire", 1), ElementsAre(HasSubstr("acquire count=20000 interval=1562")));
+        child.signal(SIGTERM);
+        child.wait(10000);
+    }
+}
+
+TEST(Aquisition, MonitorRunsUntilASignal)
+{
+    vt::SimBoard board(kMeasuring);
+    vt::ChildProcess child;
+    ASSERT_TRUE(board.start(child, {"--aquisition", "1"}));
+    ASSERT_TRUE(await_output(child, "aquisition: count: 1, last: 0x9b", 3));
+    child.signal(SIGINT);
+    ASSERT_TRUE(child.wait(10000));
+    EXPECT_EQ(128 + SIGINT, child.status());
+    EXPECT_EQ(0u, child.out().find("Aquiring data:\n"));
+    EXPECT_THAT(vt::grep(board.journal(), "pruss"), Contains(HasSubstr("pruss acquire count=1 ")));
+    EXPECT_TRUE(vt::grep(board.journal(), "pruss done").empty());
+}
+
+TEST(Aquisition, MonitorWritesTheLastSampleToTheOptoPort)
+{
+    vt::SimBoard board(kMeasuring);
+    vt::ChildProcess child;
+    ASSERT_TRUE(board.start(child, {"-A", "3"}));
+    std::vector<std::string> writes = await_entries(board, "/dev/ttyO1 write", 4);
+    child.signal(SIGTERM);
+    child.wait(10000);
+    ASSERT_GE(writes.size(), 4u);
+    /* The first may come before the first sample; then readings near the
+     * probe's rest position, digits only. */
+    for (size_t i = 1; i < writes.size(); i++) {
+        std::string digits = writes[i].substr(strlen("/dev/ttyO1 write "));
+        EXPECT_EQ(std::string::npos, digits.find_first_not_of("0123456789")) << digits;
+        EXPECT_NEAR(39830, atoi(digits.c_str()), 100) << digits;
+    }
+}
+
+/* As on the instrument: firmware that never reaches its main loop leaves the
+ * program waiting for good. */
+TEST(Aquisition, FirmwareThatNeverSignalsBlocksTheStart)
+{
+    vt::SimBoard board(std::string(kMeasuring) + "[pru]\nfault = no-signal\n");
+    vt::ChildProcess child;
+    ASSERT_TRUE(board.start(child, {"-A", "0"}));
+    ASSERT_TRUE(await_output(child, "aquisition_init(): wait for firmware (re-)entering mainloop"));
+    ASSERT_EQ("idle\n", board.ctl({"get", "pru.state"}).out); /* the firmware is up, the host still waits */
+    EXPECT_FALSE(child.wait(500));
+    EXPECT_EQ(std::string::npos, child.err().find("aquisition_init(): done"));
+    child.signal(SIGKILL);
+    child.wait(10000);
+}
+
+} // namespace

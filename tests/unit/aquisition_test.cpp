@@ -1,0 +1,329 @@
+/* The acquisition engine against the simulated PRU subsystem and firmware. */
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <sstream>
+#include <unistd.h>
+
+#include "aquisition.h"
+#include "mtrace.h"
+#include "process.h"
+#include "prussdrv.h"
+#include "pru_firmware.h"
+#include "uio_pruss.h"
+#include "simtest.h"
+#include "tempdir.h"
+#include "velatool.h"
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::internal::CaptureStderr;
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStderr;
+using testing::internal::GetCapturedStdout;
+
+namespace {
+
+/* Channel on, sine at 20 kHz, the probe travelling over the roughness
+ * standard at 1 mm/s: samples swing by about 500 codes every 0.1 mm. */
+const char kMeasuring[] = "[meas]\npower = 1\n[sine]\ncontrol = 0\nfreq0 = 335544\n"
+                          "[motor]\npower = 1\ndac = 2972\n";
+const uint32_t kZeroRaw = 39830;
+
+class Aquisition : public vt::SimTest {
+protected:
+    std::string scenario() const override { return kMeasuring; }
+    void TearDown() override { options.verbose = 0; }
+
+    void init()
+    {
+        ASSERT_EQ(0, aquisition_init(&info, 8));
+        ASSERT_NE(nullptr, info.comm);
+    }
+
+    /* The firmware ends a counted acquisition by itself. */
+    bool wait_idle(int timeout_ms = 20000)
+    {
+        long long deadline = vt::now_ms() + timeout_ms;
+        while (info.comm->out_state != 0 && vt::now_ms() < deadline)
+            usleep(10000);
+        return info.comm->out_state == 0;
+    }
+
+    pruss_info_s info = {};
+};
+
+/* A pool of 4 KiB: 2048 samples, a test acquisition of about one second. */
+class SmallPool : public Aquisition {
+protected:
+    std::string scenario() const override { return std::string(kMeasuring) + "[pru]\nextram_size = 4096\n"; }
+};
+
+std::vector<int> read_samples(const std::string& path)
+{
+    std::istringstream in(vt::read_file(path));
+    std::vector<int> v;
+    int x;
+    while (in >> x)
+        v.push_back(x);
+    return v;
+}
+
+TEST_F(Aquisition, InitLoadsAndStartsTheFirmwareAndShutdownStopsIt)
+{
+    options.verbose = 1;
+    CaptureStdout();
+    init();
+    std::string out = GetCapturedStdout();
+    EXPECT_EQ(262144, info.extmem_size);
+    EXPECT_EQ(131072, info.max_samples);
+    EXPECT_EQ(sim::Pruss::kDdrPhys, info.extram_pa);
+    EXPECT_THAT(out, HasSubstr("00040000 byte extram mapped at 0x"));
+    EXPECT_THAT(out, HasSubstr("max_samples: 131072\n"));
+    EXPECT_THAT(out, HasSubstr("extram py: 9e000000 -> tell PRU\n"));
+
+    EXPECT_EQ((void*)info.p_shared_data_ram, (void*)info.comm);
+    EXPECT_EQ((void*)info.p_extram, (void*)info.p_samples);
+    EXPECT_EQ(sim::PruFirmware::kVersion0, info.comm->out_version0);
+    EXPECT_EQ(sim::PruFirmware::kVersion1, info.comm->out_version1);
+    EXPECT_EQ(8u, info.comm->in_delay);
+    EXPECT_EQ(0u, info.comm->in_cmd);
+    EXPECT_EQ(10000u, info.comm->out_periodtime); /* 20 kHz in 5 ns ticks */
+    EXPECT_THAT(vt::entries("pruss"), ElementsAre("pruss pru0 start 0x0724", "pruss pru1 start 0x0220"));
+    EXPECT_EQ("idle", sim::get("pru.state"));
+
+    sim::journal_clear();
+    EXPECT_EQ(0, aquisition_shutdown(&info));
+    sim::advance();
+    EXPECT_THAT(vt::entries("pruss"),
+                ElementsAre("pruss pru0 stop", "pruss pru1 stop", "pruss SYSCFG 0x0000001a"));
+    EXPECT_EQ("off", sim::get("pru.state"));
+
+    /* Init again, as the server does on every return to the measuring state. */
+    init();
+    EXPECT_EQ(sim::PruFirmware::kVersion0, info.comm->out_version0);
+    aquisition_shutdown(&info);
+}
+
+TEST_F(Aquisition, WithoutTheUioDeviceInitFailsAtOnce)
+{
+    sim::control("absent /dev/uio0");
+    _MTrace_SetLevel(MTRACE_DOMAIN, 2);
+    CaptureStderr();
+    EXPECT_EQ(-1, aquisition_init(&info, 8));
+    EXPECT_THAT(GetCapturedStderr(), HasSubstr("aquisition_init(): prussdrv_open open failed"));
+    EXPECT_EQ(nullptr, info.comm);
+    _MTrace_SetLevel(MTRACE_DOMAIN, 3);
+}
+
+TEST_F(Aquisition, SamplesFromTravelLengthAndSpeed)
+{
+    info.max_samples = 131072;
+    int samples = -1;
+    EXPECT_EQ(0, aquisition_x_to_samples(&info, 10.0, 0.5, 2000, &samples));
+    EXPECT_EQ(40000, samples);
+    EXPECT_EQ(0, aquisition_x_to_samples(&info, 0.7, 3.0, 2000, &samples));
+    EXPECT_EQ(466, samples); /* 466.67, truncated */
+    EXPECT_EQ(0, aquisition_x_to_samples(&info, 0.0, 0.5, 2000, &samples));
+    EXPECT_EQ(0, samples);
+
+    samples = 7;
+    EXPECT_EQ(-EINVAL, aquisition_x_to_samples(&info, 1.0, 0.0, 2000, &samples));
+    EXPECT_EQ(-EINVAL, aquisition_x_to_samples(&info, -0.1, 0.5, 2000, &samples));
+    EXPECT_EQ(-EINVAL, aquisition_x_to_samples(&info, 1.0, 0.5, 2000, nullptr));
+    EXPECT_EQ(-ENOMEM, aquisition_x_to_samples(&info, 65.537, 1.0, 2000, &samples)); /* 131074 */
+    EXPECT_EQ(7, samples);
+    EXPECT_EQ(0, aquisition_x_to_samples(&info, 65.536, 1.0, 2000, &samples));
+    EXPECT_EQ(131072, samples);
+}
+
+TEST_F(Aquisition, StartWritesTheRequestAndIsRefusedWhileTheFirmwareRuns)
+{
+    init();
+    options.verbose = 1;
+    CaptureStdout();
+    EXPECT_EQ(0, aquisition_start(&info, 1, 2000, 10, 60000, 5, 6, 3, 1));
+    EXPECT_EQ("aquisition timer interval: 1562 x 5ns, filter=5, ovs=6\n", GetCapturedStdout());
+    volatile prucomm_s* c = info.comm;
+    EXPECT_EQ(info.extram_pa, c->in_pextram);
+    EXPECT_EQ(1u, c->in_maxcount);
+    EXPECT_EQ(1562u, c->in_interval);
+    EXPECT_EQ(10u, c->in_minvalid);
+    EXPECT_EQ(60000u, c->in_maxvalid);
+    EXPECT_EQ(9u, c->in_mode);
+    EXPECT_EQ(1u, c->in_filter);
+    EXPECT_EQ(6u, c->in_ovsdepth);
+    EXPECT_EQ(3u, c->in_skip_samples);
+    EXPECT_EQ(1u, c->in_cmd);
+    EXPECT_EQ(1u, c->out_state);
+
+    /* The monitor keeps sampling into its one slot while in_cmd stays 1. */
+    usleep(50000);
+    EXPECT_EQ(1u, c->out_state);
+    EXPECT_EQ(1u, c->out_count);
+    uint32_t first = c->out_lastsample;
+    usleep(50000); /* 0.05 mm further on */
+    EXPECT_NE(first, c->out_lastsample);
+    EXPECT_EQ(c->out_lastsample, info.p_samples[0]);
+    EXPECT_EQ(0u, info.p_samples[1]);
+
+    prucomm_s before;
+    memcpy(&before, (const void*)c, sizeof before);
+    options.verbose = 0;
+    CaptureStderr();
+    EXPECT_EQ(-EBUSY, aquisition_start(&info, 500, 128000, 0, 65535, 0, 0, 0, 0));
+    EXPECT_EQ("ERROR: aquisition_start(): pruss firmware busy", GetCapturedStderr());
+    EXPECT_EQ(0, memcmp(&before, (const void*)c, offsetof(prucomm_s, out_count)));
+    EXPECT_EQ(1u, vt::entries("pruss raise 21").size());
+
+    EXPECT_EQ(0, aquisition_stop(&info));
+    EXPECT_EQ(0u, c->in_cmd);
+    EXPECT_EQ(0u, c->out_state);
+    EXPECT_EQ(1u, vt::entries("pruss raise 21").size()); /* stopping raises no event */
+
+    EXPECT_EQ(0, aquisition_start(&info, 100000, 128000, 0, 65535, 0, 0, 0, 0));
+    EXPECT_EQ(1562u, c->in_interval);
+    EXPECT_EQ(1u, c->in_mode);
+    EXPECT_EQ(0u, c->in_filter);
+    EXPECT_EQ(0u, c->in_ovsdepth);
+    EXPECT_EQ(0, aquisition_stop(&info));
+    aquisition_shutdown(&info);
+}
+
+/* What the scan relies on: the samples in the buffer, the count, the extremes
+ * with their positions, and the overflow reports. */
+TEST_F(Aquisition, CountedAcquisitionFillsTheBufferAndReportsOverflows)
+{
+    init();
+    const uint32_t count = 300; /* 0.15 mm of travel, one and a half periods */
+    ASSERT_EQ(0, aquisition_start(&info, count, 2000, kZeroRaw - 100, kZeroRaw + 100, 1, 6, 5, 1));
+    ASSERT_TRUE(wait_idle());
+    volatile prucomm_s* c = info.comm;
+    ASSERT_EQ(count, c->out_count);
+
+    std::vector<uint32_t> s(info.p_samples, info.p_samples + count);
+    EXPECT_EQ(0u, info.p_samples[count]);
+    auto lo = std::min_element(s.begin(), s.end()); /* the first of equals, as the firmware */
+    auto hi = std::max_element(s.begin(), s.end());
+    EXPECT_GT(*hi - *lo, 300u);
+    EXPECT_EQ(*lo, c->out_min);
+    EXPECT_EQ(*hi, c->out_max);
+    EXPECT_EQ(uint32_t(lo - s.begin()), c->out_minpos);
+    EXPECT_EQ(uint32_t(hi - s.begin()), c->out_maxpos);
+    EXPECT_EQ(s.back(), c->out_lastsample);
+    EXPECT_EQ(uint32_t(std::count_if(s.begin(), s.end(), [](uint32_t v) { return v < kZeroRaw - 100; })),
+              c->out_of_mincount);
+    uint32_t first_over = *std::find_if(s.begin(), s.end(), [](uint32_t v) { return v > kZeroRaw + 100; });
+    EXPECT_EQ(2u, c->out_error);
+    EXPECT_EQ(first_over, c->debug[1]);
+    EXPECT_THAT(vt::entries("pruss"),
+                testing::Contains("pruss acquire count=300 interval=1562 ovs=6 filter=1 mode=9 skip=5 min=39730 max=39930"));
+    EXPECT_THAT(vt::entries("pruss done"), ElementsAre("pruss done count=300 error=2"));
+    aquisition_shutdown(&info);
+}
+
+TEST_F(Aquisition, FirmwareThatDoesNotStartOrStopOrReportsAnError)
+{
+    init();
+    sim::set("pru.fault", "no-start");
+    CaptureStderr();
+    EXPECT_EQ(-EIO, aquisition_start(&info, 100, 2000, 0, 65535, 1, 6, 0, 0));
+    EXPECT_EQ("ERROR: aquisition_start(): firmware did not start\n", GetCapturedStderr());
+    EXPECT_EQ(1u, info.comm->in_cmd); /* the request stays written */
+    EXPECT_EQ(100u, info.comm->in_maxcount);
+
+    sim::set("pru.fault", "no-stop");
+    ASSERT_EQ(0, aquisition_start(&info, 1, 2000, 0, 65535, 1, 6, 0, 0));
+    CaptureStderr();
+    EXPECT_EQ(-EIO, aquisition_stop(&info));
+    EXPECT_EQ("ERROR: aquisition_stop(): firmware did not repond\n", GetCapturedStderr());
+    EXPECT_EQ(0u, info.comm->in_cmd);
+    EXPECT_EQ(1u, info.comm->out_state);
+
+    sim::set("pru.fault", "none");
+    ASSERT_EQ(0, aquisition_stop(&info));
+    sim::set("pru.error", "7");
+    ASSERT_EQ(0, aquisition_start(&info, 200, 2000, 0, 65535, 1, 6, 0, 0));
+    ASSERT_TRUE(wait_idle());
+    EXPECT_EQ(7u, info.comm->out_error);
+    EXPECT_EQ(200u, info.comm->out_count);
+    aquisition_shutdown(&info);
+}
+
+TEST_F(SmallPool, TestAcquisitionPrintsStatisticsHistogramAndWritesTheSamples)
+{
+    vt::TempDir dir;
+    std::string file = dir.file("samples.txt");
+    CaptureStdout();
+    int width = do_aquisition(file.c_str(), 2, 1);
+    std::string out = GetCapturedStdout();
+
+    /* Mode 2: raw conversions, no filter, the whole pool. */
+    EXPECT_THAT(vt::entries("acquire"), ElementsAre(HasSubstr("count=2048 interval=1562 ovs=0 filter=0 mode=9")));
+    std::vector<int> s = read_samples(file);
+    ASSERT_EQ(2048u, s.size());
+    auto lo = std::min_element(s.begin(), s.end()); /* the first of equals, as the firmware */
+    auto hi = std::max_element(s.begin(), s.end());
+    EXPECT_GT(width, 0);
+    EXPECT_EQ(*hi - *lo, width);
+    EXPECT_THAT(out, HasSubstr("\nHistogram width: " + std::to_string(width) + "\n"));
+
+    char status[128];
+    snprintf(status, sizeof status, "aquisition: count: 2048, last: 0x%04x, min: 0x%04x @ %d, max: 0x%04x @ %d\r\n",
+             s.back(), *lo, (int)(lo - s.begin()), *hi, (int)(hi - s.begin()));
+    EXPECT_THAT(out, HasSubstr(status));
+    EXPECT_THAT(out, HasSubstr("\ndone: error=0\ncommunication structure:\n version pru0: 21\n version pru1: 12\n"
+                               " delay: 8\n periodtime: 10000\n count: 2048\n"));
+    EXPECT_THAT(out, HasSubstr("Debuginfo:\n 0: 0x00000008\n 1: 0x00000000\n"));
+    char first[32];
+    snprintf(first, sizeof first, "Samples:\n0x%04x ", s[0]);
+    EXPECT_THAT(out, HasSubstr(first));
+    int minpos = (int)(lo - s.begin());
+    char around[64];
+    snprintf(around, sizeof around, "[%04x +  0]: %04x, %d\n", minpos, *lo, *lo);
+    EXPECT_THAT(out, HasSubstr("Samples around minimum\n"));
+    EXPECT_THAT(out, HasSubstr(around));
+    EXPECT_THAT(vt::entries("pruss pru"), testing::Contains("pruss pru0 stop"));
+}
+
+TEST_F(SmallPool, SampleFileFailureAndAcquisitionWithoutSamples)
+{
+    sim::set("pru.fault", "no-start");
+    CaptureStdout();
+    CaptureStderr();
+    EXPECT_EQ(-1, do_aquisition("/nonexistent/dir/samples.txt", 0, 0));
+    std::string err = GetCapturedStderr();
+    std::string out = GetCapturedStdout();
+    EXPECT_THAT(err, HasSubstr("ERROR: aquisition_start(): firmware did not start\n"));
+    EXPECT_THAT(err, HasSubstr("ERROR: writing to file failed\n"));
+    /* No sample: the status line once, and a histogram of nothing. */
+    EXPECT_EQ("aquisition: count: 0, last: 0x0000, min: 0x0000 @ 0, max: 0x0000 @ 0\r\n"
+              "done: error=0\n"
+              "Histogram width: 0\n",
+              out);
+    EXPECT_THAT(vt::entries("pruss pru"), testing::Contains("pruss pru1 stop"));
+
+    uint16_t v = 1;
+    EXPECT_EQ(-1, write_to_file("/nonexistent/dir/x", 1, &v));
+    EXPECT_EQ(-1, write_to_file("samples.txt", 1, nullptr));
+}
+
+TEST_F(SmallPool, ModeFourLeavesThePrusRunning)
+{
+    options.verbose = 1;
+    CaptureStdout();
+    EXPECT_GE(do_aquisition(nullptr, 4, 0), 0);
+    std::string out = GetCapturedStdout();
+    EXPECT_THAT(out, HasSubstr("aquisition time w/o oversampling: 16 ms\n"
+                               "aquisition time with oversampling (x64): 1024 ms\n"));
+    EXPECT_THAT(out, HasSubstr("mode=4: aquisition_shutdown() skipped\n"));
+    EXPECT_THAT(vt::entries("acquire"), ElementsAre(HasSubstr("count=2048 interval=1562 ovs=6 filter=1 mode=9")));
+    sim::advance();
+    EXPECT_TRUE(vt::entries("pruss pru0 stop").empty());
+    EXPECT_EQ("idle", sim::get("pru.state"));
+    prussdrv_exit();
+}
+
+} // namespace
