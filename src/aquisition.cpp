@@ -249,7 +249,13 @@ int do_aquisition(const char* samplefile, int mode, int verbose)
     int samples;
     uint16_t* histogram = (uint16_t*)malloc(histogram_bytes);
 
-    aquisition_init(&info, 8);
+    /* Without the PRU subsystem nothing is mapped: report it rather than
+     * run into the unmapped block. */
+    if (aquisition_init(&info, 8) != 0) {
+        error_message("aquisition_init() failed\n");
+        free(histogram);
+        return -1;
+    }
     if (mode == 3) {
         mode = 1;
         fdopto = opto_rs232_open("/dev/ttyO1");
