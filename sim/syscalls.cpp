@@ -166,6 +166,27 @@ void release_if_last(std::shared_ptr<OpenFile> of)
         of->node->release(*of);
 }
 
+/* The common start of a call on a path: re-entry guard, errno keeper, and
+ * where the path goes (not ours when nested). */
+struct PathCall {
+    Guard guard;
+    ErrnoKeeper err;
+    Resolved res;
+
+    PathCall(int dirfd, const char* path)
+    {
+        if (!guard.nested())
+            res = resolve(dirfd, path);
+    }
+    bool ours() const { return res.kind != Resolved::NotOurs; }
+    /* For calls that only make sense on the sandbox's files: 0 for one of
+     * those, else the error (absent: ENOENT, a device: EPERM). */
+    int sandbox_only() const
+    {
+        return res.kind == Resolved::Sandbox ? 0 : res.kind == Resolved::Absent ? ENOENT : EPERM;
+    }
+};
+
 /* fopen() of a device: a stdio stream over the board descriptor. */
 ssize_t cookie_read(void* c, char* buf, size_t n)
 {
@@ -239,53 +260,47 @@ extern "C" {
 
 int sim_openat(int* r, int dirfd, const char* path, int flags, unsigned mode)
 {
-    Guard g;
-    if (g.nested())
-        return 0;
-    ErrnoKeeper e;
-    Resolved res = resolve(dirfd, path);
-    Board* b = res.kind == Resolved::NotOurs ? nullptr : &Board::get();
+    PathCall c(dirfd, path);
+    const Resolved& res = c.res;
     switch (res.kind) {
     case Resolved::NotOurs:
         return 0;
     case Resolved::Absent:
-        return fail(r, e, (flags & O_CREAT) ? EACCES : ENOENT);
+        return fail(r, c.err, (flags & O_CREAT) ? EACCES : ENOENT);
     case Resolved::NodeFile: {
-        std::lock_guard<std::recursive_mutex> lock(b->mutex());
-        int fd = open_node(*b, res.node, flags);
-        return fd < 0 ? fail(r, e, -fd) : (*r = fd, 1);
+        Board& b = Board::get();
+        std::lock_guard<std::recursive_mutex> lock(b.mutex());
+        int fd = open_node(b, res.node, flags);
+        return fd < 0 ? fail(r, c.err, -fd) : (*r = fd, 1);
     }
     case Resolved::Directory: {
         if ((flags & O_ACCMODE) != O_RDONLY)
-            return fail(r, e, EISDIR);
+            return fail(r, c.err, EISDIR);
         std::error_code ec;
         std::filesystem::create_directories(res.sandbox, ec);
-        return real_result(r, e, SIM_REAL(openat)(AT_FDCWD, res.sandbox.c_str(), flags, mode));
+        return real_result(r, c.err, SIM_REAL(openat)(AT_FDCWD, res.sandbox.c_str(), flags, mode));
     }
     case Resolved::Sandbox:
-        return real_result(r, e, SIM_REAL(openat)(AT_FDCWD, res.sandbox.c_str(), flags, mode));
+        return real_result(r, c.err, SIM_REAL(openat)(AT_FDCWD, res.sandbox.c_str(), flags, mode));
     }
     return 0;
 }
 
 int sim_fopen(FILE** r, const char* path, const char* mode)
 {
-    Guard g;
-    if (g.nested())
-        return 0;
-    ErrnoKeeper e;
-    Resolved res = resolve(AT_FDCWD, path);
+    PathCall c(AT_FDCWD, path);
+    const Resolved& res = c.res;
     switch (res.kind) {
     case Resolved::NotOurs:
         return 0;
     case Resolved::Absent:
     case Resolved::Directory:
         *r = nullptr;
-        e.fail(res.kind == Resolved::Absent ? ENOENT : EISDIR);
+        c.err.fail(res.kind == Resolved::Absent ? ENOENT : EISDIR);
         return 1;
     case Resolved::Sandbox:
         *r = SIM_REAL(fopen)(res.sandbox.c_str(), mode);
-        e.keep_current();
+        c.err.keep_current();
         return 1;
     case Resolved::NodeFile: {
         Board& b = Board::get();
@@ -294,7 +309,7 @@ int sim_fopen(FILE** r, const char* path, const char* mode)
         int fd = flags < 0 ? -EINVAL : open_node(b, res.node, flags & ~(O_CREAT | O_TRUNC));
         if (fd < 0) {
             *r = nullptr;
-            e.fail(-fd);
+            c.err.fail(-fd);
             return 1;
         }
         cookie_io_functions_t io = {cookie_read, cookie_write, cookie_seek, cookie_close};
@@ -307,16 +322,13 @@ int sim_fopen(FILE** r, const char* path, const char* mode)
 
 int sim_opendir(DIR** r, const char* path)
 {
-    Guard g;
-    if (g.nested())
-        return 0;
-    ErrnoKeeper e;
-    Resolved res = resolve(AT_FDCWD, path);
-    if (res.kind == Resolved::NotOurs)
+    PathCall c(AT_FDCWD, path);
+    const Resolved& res = c.res;
+    if (!c.ours())
         return 0;
     if (res.kind == Resolved::Absent || res.kind == Resolved::NodeFile) {
         *r = nullptr;
-        e.fail(res.kind == Resolved::Absent ? ENOENT : ENOTDIR);
+        c.err.fail(res.kind == Resolved::Absent ? ENOENT : ENOTDIR);
         return 1;
     }
     if (res.kind == Resolved::Directory) {
@@ -324,7 +336,7 @@ int sim_opendir(DIR** r, const char* path)
         std::filesystem::create_directories(res.sandbox, ec);
     }
     *r = SIM_REAL(opendir)(res.sandbox.c_str());
-    e.keep_current();
+    c.err.keep_current();
     return 1;
 }
 
@@ -643,54 +655,48 @@ int sim_sleep(unsigned* r, unsigned seconds)
 
 int sim_faccessat(int* r, int dirfd, const char* path, int mode, int flags)
 {
-    Guard g;
-    if (g.nested())
-        return 0;
-    ErrnoKeeper e;
-    Resolved res = resolve(dirfd, path);
+    PathCall c(dirfd, path);
+    const Resolved& res = c.res;
     switch (res.kind) {
     case Resolved::NotOurs:
         return 0;
     case Resolved::Absent:
-        return fail(r, e, ENOENT);
+        return fail(r, c.err, ENOENT);
     case Resolved::Directory:
         *r = 0;
         return 1;
     case Resolved::NodeFile:
         if (((mode & W_OK) && !res.node->writable()) || ((mode & R_OK) && !res.node->readable()) || (mode & X_OK))
-            return fail(r, e, EACCES);
+            return fail(r, c.err, EACCES);
         *r = 0;
         return 1;
     case Resolved::Sandbox:
-        return real_result(r, e, SIM_REAL(faccessat)(AT_FDCWD, res.sandbox.c_str(), mode, flags));
+        return real_result(r, c.err, SIM_REAL(faccessat)(AT_FDCWD, res.sandbox.c_str(), mode, flags));
     }
     return 0;
 }
 
 int sim_fstatat(int* r, int dirfd, const char* path, void* st, int flags, int is64)
 {
-    Guard g;
-    if (g.nested())
-        return 0;
-    ErrnoKeeper e;
-    Resolved res = resolve(dirfd, path);
+    PathCall c(dirfd, path);
+    const Resolved& res = c.res;
     switch (res.kind) {
     case Resolved::NotOurs:
         return 0;
     case Resolved::Absent:
-        return fail(r, e, ENOENT);
+        return fail(r, c.err, ENOENT);
     case Resolved::Directory:
-        fill_any_stat(st, is64, res.path, S_IFDIR | 0755, 0);
-        *r = 0;
-        return 1;
     case Resolved::NodeFile:
-        fill_any_stat(st, is64, res.path, res.node->mode(), res.node->size());
+        if (res.node != nullptr)
+            fill_any_stat(st, is64, res.path, res.node->mode(), res.node->size());
+        else
+            fill_any_stat(st, is64, res.path, S_IFDIR | 0755, 0);
         *r = 0;
         return 1;
     case Resolved::Sandbox:
         if (is64)
-            return real_result(r, e, SIM_REAL(fstatat64)(AT_FDCWD, res.sandbox.c_str(), static_cast<struct stat64*>(st), flags));
-        return real_result(r, e, SIM_REAL(fstatat)(AT_FDCWD, res.sandbox.c_str(), static_cast<struct stat*>(st), flags));
+            return real_result(r, c.err, SIM_REAL(fstatat64)(AT_FDCWD, res.sandbox.c_str(), static_cast<struct stat64*>(st), flags));
+        return real_result(r, c.err, SIM_REAL(fstatat)(AT_FDCWD, res.sandbox.c_str(), static_cast<struct stat*>(st), flags));
     }
     return 0;
 }
@@ -706,77 +712,46 @@ int sim_fstat(int* r, int fd, void* st, int is64)
 }
 
 /* Path calls that only make sense for the sandbox's files. */
-static int sandbox_only(int* r, const char* path, ErrnoKeeper& e, std::string* sandbox)
-{
-    Resolved res = resolve(AT_FDCWD, path);
-    switch (res.kind) {
-    case Resolved::NotOurs:
-        return 0;
-    case Resolved::Sandbox:
-        *sandbox = res.sandbox;
-        return -1;
-    case Resolved::Absent:
-        return fail(r, e, ENOENT);
-    default:
-        return fail(r, e, EPERM);
-    }
-}
-
 int sim_unlink(int* r, const char* path, int flags)
 {
-    Guard g;
-    if (g.nested())
+    PathCall c(AT_FDCWD, path);
+    if (!c.ours())
         return 0;
-    ErrnoKeeper e;
-    std::string sb;
-    int k = sandbox_only(r, path, e, &sb);
-    if (k >= 0)
-        return k;
-    return real_result(r, e, flags ? SIM_REAL(rmdir)(sb.c_str()) : SIM_REAL(unlink)(sb.c_str()));
+    if (int err = c.sandbox_only())
+        return fail(r, c.err, err);
+    const char* sb = c.res.sandbox.c_str();
+    return real_result(r, c.err, flags ? SIM_REAL(rmdir)(sb) : SIM_REAL(unlink)(sb));
 }
 
 int sim_mkdir(int* r, const char* path, mode_t mode)
 {
-    Guard g;
-    if (g.nested())
+    PathCall c(AT_FDCWD, path);
+    if (!c.ours())
         return 0;
-    ErrnoKeeper e;
-    std::string sb;
-    int k = sandbox_only(r, path, e, &sb);
-    if (k >= 0)
-        return k;
-    return real_result(r, e, SIM_REAL(mkdir)(sb.c_str(), mode));
+    if (int err = c.sandbox_only())
+        return fail(r, c.err, err);
+    return real_result(r, c.err, SIM_REAL(mkdir)(c.res.sandbox.c_str(), mode));
 }
 
 int sim_symlink(int* r, const char* target, const char* path)
 {
-    Guard g;
-    if (g.nested())
+    PathCall c(AT_FDCWD, path);
+    if (!c.ours())
         return 0;
-    ErrnoKeeper e;
-    std::string sb;
-    int k = sandbox_only(r, path, e, &sb);
-    if (k >= 0)
-        return k;
-    Board::get().journal(normalize_path(path), "symlink", target);
-    return real_result(r, e, SIM_REAL(symlink)(target, sb.c_str()));
+    if (int err = c.sandbox_only())
+        return fail(r, c.err, err);
+    Board::get().journal(c.res.path, "symlink", target);
+    return real_result(r, c.err, SIM_REAL(symlink)(target, c.res.sandbox.c_str()));
 }
 
 int sim_readlink(ssize_t* r, const char* path, char* buf, size_t n)
 {
-    Guard g;
-    if (g.nested())
+    PathCall c(AT_FDCWD, path);
+    if (!c.ours())
         return 0;
-    ErrnoKeeper e;
-    std::string sb;
-    int dummy = 0;
-    int k = sandbox_only(&dummy, path, e, &sb);
-    if (k >= 0) {
-        if (k == 1)
-            *r = -1;
-        return k;
-    }
-    return real_result(r, e, SIM_REAL(readlink)(sb.c_str(), buf, n));
+    if (int err = c.sandbox_only())
+        return fail(r, c.err, err);
+    return real_result(r, c.err, SIM_REAL(readlink)(c.res.sandbox.c_str(), buf, n));
 }
 
 int sim_rename(int* r, const char* from, const char* to)
@@ -796,25 +771,23 @@ int sim_rename(int* r, const char* from, const char* to)
 
 int sim_mkstemp(int* r, char* tmpl)
 {
-    Guard g;
-    if (g.nested())
+    PathCall c(AT_FDCWD, tmpl);
+    if (!c.ours())
         return 0;
-    ErrnoKeeper e;
-    std::string sb;
-    int k = sandbox_only(r, tmpl, e, &sb);
-    if (k >= 0)
-        return k;
+    if (int err = c.sandbox_only())
+        return fail(r, c.err, err);
     /* Make the file in the sandbox, then hand the chosen name back in the
      * caller's template so that its later rename() finds it. */
+    const std::string& sb = c.res.sandbox;
     size_t len = strlen(tmpl);
     if (len < 6 || sb.size() < 6 || strcmp(tmpl + len - 6, "XXXXXX") != 0)
-        return fail(r, e, EINVAL);
+        return fail(r, c.err, EINVAL);
     std::vector<char> buf(sb.begin(), sb.end());
     buf.push_back('\0');
     int fd = SIM_REAL(mkstemp)(buf.data());
     if (fd >= 0)
         memcpy(tmpl + len - 6, buf.data() + sb.size() - 6, 6);
-    return real_result(r, e, fd);
+    return real_result(r, c.err, fd);
 }
 
 int sim_system(int* r, const char* command)
