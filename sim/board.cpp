@@ -188,6 +188,21 @@ std::string hex_bytes(const void* data, size_t n)
     return s;
 }
 
+bool parse_hex_bytes(const std::string& text, std::string* bytes)
+{
+    std::istringstream in(text);
+    std::string word, out;
+    while (in >> word) {
+        char* end = nullptr;
+        unsigned long b = strtoul(word.c_str(), &end, 16);
+        if (word.size() > 2 || *end != '\0')
+            return false;
+        out += static_cast<char>(b);
+    }
+    *bytes += out;
+    return true;
+}
+
 std::string quote_text(const std::string& s)
 {
     std::string out;

@@ -253,6 +253,9 @@ int errno_from_name(const std::string& name);
 
 /* "08 22" */
 std::string hex_bytes(const void* data, size_t n);
+/* The other way: blank-separated hex bytes appended to *bytes; false (and
+ * *bytes unchanged) on anything else. */
+bool parse_hex_bytes(const std::string& text, std::string* bytes);
 /* Printable text for the journal: escapes control characters and backslashes. */
 std::string quote_text(const std::string& s);
 

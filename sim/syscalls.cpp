@@ -247,11 +247,16 @@ struct timespec ns_timespec(ns_t ns)
 }
 
 /* Sleeps serve the control socket and let the models run. */
-int board_sleep(ns_t duration, ns_t* left)
+/* A sleep on the running board: it serves the control socket and lets the
+ * models run. False when the board is not running or the call is the sim's
+ * own (the real function then sleeps); else 0 or -errno in *res. */
+bool board_sleep(ns_t duration, ns_t* left, int* res)
 {
-    if (!Board::active())
-        return 1; /* nothing to serve: the real call will do */
-    return Board::get().sleep_for(duration, left);
+    Guard g;
+    if (g.nested() || !Board::active())
+        return false;
+    *res = Board::get().sleep_for(duration, left);
+    return true;
 }
 
 } // namespace
@@ -603,38 +608,35 @@ int sim_select(int* r, int n, fd_set* rd, fd_set* wr, fd_set* ex, struct timeval
 
 int sim_usleep(int* r, useconds_t us)
 {
-    Guard g;
-    if (g.nested() || !Board::active())
-        return 0;
     ErrnoKeeper e;
-    int res = board_sleep(int64_t{us} * 1000, nullptr);
+    int res;
+    if (!board_sleep(int64_t{us} * 1000, nullptr, &res))
+        return 0;
     return res < 0 ? fail(r, e, -res) : (*r = 0, 1);
 }
 
 int sim_nanosleep(int* r, const struct timespec* req, struct timespec* rem)
 {
-    Guard g;
-    if (g.nested() || !Board::active() || req == nullptr || req->tv_nsec < 0 || req->tv_nsec >= kSec)
-        return 0;
+    if (req == nullptr || req->tv_nsec < 0 || req->tv_nsec >= kSec)
+        return 0; /* the real call reports it */
     ErrnoKeeper e;
     ns_t left = 0;
-    int res = board_sleep(timespec_ns(req), &left);
-    if (res < 0) {
-        if (rem != nullptr)
-            *rem = ns_timespec(left);
-        return fail(r, e, -res);
-    }
-    *r = 0;
-    return 1;
+    int res;
+    if (!board_sleep(timespec_ns(req), &left, &res))
+        return 0;
+    if (res < 0 && rem != nullptr)
+        *rem = ns_timespec(left);
+    return res < 0 ? fail(r, e, -res) : (*r = 0, 1);
 }
 
 int sim_clock_nanosleep(int* r, clockid_t clock, int flags, const struct timespec* req, struct timespec* rem)
 {
-    Guard g;
-    if (g.nested() || !Board::active() || clock != CLOCK_MONOTONIC || (flags & TIMER_ABSTIME) || req == nullptr)
+    if (clock != CLOCK_MONOTONIC || (flags & TIMER_ABSTIME) || req == nullptr)
         return 0;
     ns_t left = 0;
-    int res = board_sleep(timespec_ns(req), &left);
+    int res;
+    if (!board_sleep(timespec_ns(req), &left, &res))
+        return 0;
     if (res < 0 && rem != nullptr)
         *rem = ns_timespec(left);
     *r = res < 0 ? -res : 0; /* clock_nanosleep returns the error number */
@@ -643,12 +645,11 @@ int sim_clock_nanosleep(int* r, clockid_t clock, int flags, const struct timespe
 
 int sim_sleep(unsigned* r, unsigned seconds)
 {
-    Guard g;
-    if (g.nested() || !Board::active())
-        return 0;
     ErrnoKeeper e;
     ns_t left = 0;
-    board_sleep(int64_t{seconds} * kSec, &left);
+    int res;
+    if (!board_sleep(int64_t{seconds} * kSec, &left, &res))
+        return 0;
     *r = static_cast<unsigned>((left + kSec - 1) / kSec);
     return 1;
 }

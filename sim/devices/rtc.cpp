@@ -72,20 +72,7 @@ public:
     bool set_hex(const std::string& text)
     {
         std::string data;
-        for (size_t i = 0; i < text.size();) {
-            if (text[i] == ' ') {
-                i++;
-                continue;
-            }
-            char* end = nullptr;
-            std::string byte = text.substr(i, 2);
-            long v = strtol(byte.c_str(), &end, 16);
-            if (byte.size() != 2 || *end != '\0')
-                return false;
-            data += static_cast<char>(v);
-            i += 2;
-        }
-        if (data.size() > kNvramSize)
+        if (!parse_hex_bytes(text, &data) || data.size() > kNvramSize)
             return false;
         data.resize(kNvramSize, '\0');
         store(data);

@@ -134,11 +134,8 @@ private:
                 bytes += pty_ >= 0 ? break_bytes() : "";
                 continue;
             }
-            char* end = nullptr;
-            unsigned long b = strtoul(word.c_str(), &end, 16);
-            if (*end != '\0' || b > 0xFF)
+            if (!parse_hex_bytes(word, &bytes))
                 return false;
-            bytes += static_cast<char>(b);
         }
         icount_.brk += breaks;
         icount_.rx += static_cast<int>(bytes.size());
