@@ -1,11 +1,16 @@
 /*
  * The simulated board: path table, descriptor table, sandbox, journal, faults,
- * parameters and the one wait loop that every blocking call goes through.
+ * parameters, the devices, and the one wait loop that every blocking call goes
+ * through.
  *
  * Single-threaded in spirit: the models have no threads of their own and are
  * advanced lazily to "now" whenever a wrapped call reaches the board. A
  * recursive mutex keeps the tables consistent should the host process have
  * other threads.
+ *
+ * The implementation is split by concern: board.cpp (life cycle, devices,
+ * processes), fdtable.cpp, paths.cpp, params.cpp, journal.cpp, faults.cpp,
+ * wait.cpp, scenario.cpp (scenario and saved state), control.cpp.
  */
 #ifndef VELASIM_BOARD_H
 #define VELASIM_BOARD_H
@@ -19,21 +24,15 @@
 #include <stdint.h>
 #include <string>
 #include <sys/stat.h>
+#include <typeindex>
 #include <vector>
+
+#include "clock.h"
 
 namespace sim {
 
-using ns_t = int64_t;
-constexpr ns_t kNever = INT64_MAX;
-constexpr ns_t kMs = 1000000;
-constexpr ns_t kSec = 1000000000;
-
-/* The board's clock: nanoseconds since the board's epoch. All model time
- * comes from here. */
-ns_t now_ns();
-
 class Board;
-struct OpenFile;
+class Node;
 
 /* Per-open state a device keeps beside the file position. */
 struct OpenState {
@@ -42,15 +41,20 @@ struct OpenState {
 
 /* One open file description: shared by descriptors made with dup(). */
 struct OpenFile {
-    class Node* node = nullptr;
+    Node* node = nullptr;
     int flags = 0;
     int64_t pos = 0;
     uint64_t seen_event = 0; /* sysfs change notifications this open file has seen */
     std::unique_ptr<OpenState> state;
     /* A real descriptor that a node's open() made to stand for the file (the
-     * serial port's pty): the program gets it instead of an eventfd, so that
-     * calls the board does not wrap (termios) work on it natively. */
+     * serial port's pty): the program gets it instead of a placeholder, so
+     * that calls the board does not wrap (termios) work on it natively. */
     int backing_fd = -1;
+    /* The kernel object behind the program's descriptor, to tell it from an
+     * unrelated one that got the same number after a close the board did not
+     * see. */
+    dev_t real_dev = 0;
+    ino_t real_ino = 0;
 };
 
 /* A file of the board: a device node or an attribute. The bus face the
@@ -84,14 +88,17 @@ private:
 };
 
 /* Something that changes with time or holds state to reset: the physics and
- * the devices' own state. */
+ * the devices' own state. Every device is one. */
 class Model {
 public:
     virtual ~Model() = default;
     virtual void reset() {}                 /* back to power-on defaults */
     virtual void create_files(Board&) {}    /* default sandbox files, kept if present */
     virtual void advance(ns_t /*now*/) {}   /* bring the model up to now */
-    virtual ns_t next_event(ns_t /*now*/) { return kNever; } /* when it may change by itself */
+    /* The next board time at which the model changes by itself in a way the
+     * program or another model can see; kNever if none. Exact: the board
+     * sleeps until then. */
+    virtual ns_t next_event(ns_t /*now*/) { return kNever; }
     virtual void resume_at(ns_t /*t*/) {}   /* saved state is from time t: carry on from there */
 };
 
@@ -105,11 +112,14 @@ struct Param {
     bool persist = false;
 };
 
+/* The parameters: every device registers its values here, in its
+ * constructor. Numbers are refused outside [min, max] (and NaN always). */
 class Params {
 public:
     void add(Param p);
-    void add_double(const std::string& key, double* v, const std::string& doc, bool persist = true);
-    void add_int(const std::string& key, int* v, const std::string& doc, bool persist = true);
+    void add_double(const std::string& key, double* v, const std::string& doc, double min, double max,
+                    bool persist = true);
+    void add_int(const std::string& key, int* v, const std::string& doc, long min, long max, bool persist = true);
     void add_string(const std::string& key, std::string* v, const std::string& doc, bool persist = true);
     void add_readonly(const std::string& key, std::function<std::string()> get, const std::string& doc);
 
@@ -124,10 +134,11 @@ private:
 
 struct Fault {
     std::string device;
-    std::string op;
-    int err = 0;      /* errno to fail with; 0 with is_short */
+    std::string op;         /* "read", "write", "open", "seek", "ioctl" */
+    unsigned long request = 0; /* op "ioctl": only this request; 0 = any */
+    int err = 0;            /* errno to fail with; 0 with is_short */
     bool is_short = false;
-    int count = 1;    /* calls left to fail; -1 = always */
+    int count = 1;          /* calls left to fail; -1 = always */
 };
 
 struct FaultHit {
@@ -136,10 +147,23 @@ struct FaultHit {
     bool is_short = false;
 };
 
+/* How a device type is made: its dependencies are built first and handed to
+ * its constructor (see device.h). */
+struct DeviceType {
+    const char* name;
+    std::type_index type;
+    std::vector<std::type_index> needs;
+    std::function<void(Board&)> make;
+};
+void register_device_type(DeviceType t);
+
 class Board {
 public:
-    /* The board of this process, started on first use. */
-    static Board& get();
+    /* The board of this process, started on first use; null when this
+     * process stays out of it (a forked child, or a second program on a
+     * board directory that another process holds). */
+    static Board* instance();
+    static Board& get(); /* instance(), which must exist */
     static bool active();
 
     std::recursive_mutex& mutex() { return mu_; }
@@ -148,7 +172,34 @@ public:
     const std::string& dir() const { return dir_; }
     std::string fs_path(const std::string& board_path) const; /* backing file of a board path */
 
-    /* Paths. The board's namespace is fixed (board.cpp): under its roots a
+    /* Devices: add() adopts one (its model is advanced in the order added,
+     * which follows the dependencies); device<T>() finds one by type. */
+    template <class T> T& add(std::unique_ptr<T> d)
+    {
+        T& ref = *d;
+        devices_[std::type_index(typeid(T))] = d.get();
+        adopt(std::move(d));
+        return ref;
+    }
+    template <class T> T& device() { return *static_cast<T*>(devices_.at(std::type_index(typeid(T)))); }
+    /* A model that is no device of its own (a GPIO line, the timers). */
+    template <class T> T* adopt(std::unique_ptr<T> m)
+    {
+        T* raw = m.get();
+        models_.push_back(raw);
+        model_store_.push_back(std::move(m));
+        return raw;
+    }
+    /* A node that is a model too (the board owns it as a node). */
+    template <class T> T* add_node_model(std::unique_ptr<T> n)
+    {
+        T* raw = n.get();
+        add_node(std::move(n));
+        models_.push_back(raw);
+        return raw;
+    }
+
+    /* Paths. The board's namespace is fixed (paths.cpp): under its roots a
      * path is a node, a directory of nodes or absent; redirected paths are
      * plain files kept in the sandbox. */
     void add_node(std::unique_ptr<Node> node);
@@ -156,12 +207,16 @@ public:
     bool owned(const std::string& path) const;
     bool redirected(const std::string& path) const;
     bool is_dir(const std::string& path) const;  /* a directory holding nodes */
+    /* "" or why path names nothing of the board. */
+    std::string check_path(const std::string& path) const;
     void set_absent(const std::string& path, bool absent);
     bool absent(const std::string& path) const;
 
     /* Descriptors */
     int install(std::shared_ptr<OpenFile> of, int min_fd = 0, bool cloexec = true);
     void bind(int fd, std::shared_ptr<OpenFile> of);
+    /* The open file behind fd, if fd still is the descriptor the board
+     * installed. */
     std::shared_ptr<OpenFile> file(int fd);
     std::shared_ptr<OpenFile> forget(int fd);
     static bool is_board_fd(int fd);
@@ -169,56 +224,76 @@ public:
     std::vector<int> descriptors(const std::string& path);
 
     /* Models and parameters */
-    void add_model(Model* m) { models_.push_back(m); }
-    template <class T> T* adopt(std::unique_ptr<T> m)
-    {
-        T* raw = m.get();
-        model_store_.push_back(std::move(m));
-        add_model(raw);
-        return raw;
-    }
     Params& params() { return params_; }
     void advance();
+    /* Board time of the earliest model event; kNever if none. */
     ns_t next_event();
 
-    /* Journal */
+    /* Journal: records, nothing more. Stamped with board time (the time of
+     * the model event that caused it, while models advance). */
     void journal(const std::string& device, const std::string& op, const std::string& details = "");
     std::vector<std::string> journal_lines();
     void journal_clear();
 
-    /* Faults */
-    void add_fault(const Fault& f);
-    FaultHit take_fault(const std::string& device, const std::string& op);
+    /* Faults. Devices declare what can fail beyond their nodes (an I2C chip). */
+    void add_fault_target(const std::string& device, const std::vector<std::string>& ops);
+    /* "" or why the fault names nothing real. */
+    std::string add_fault(const Fault& f);
+    FaultHit take_fault(const std::string& device, const std::string& op, unsigned long request = 0);
     void clear_faults();
 
-    /* Simulated shell commands */
-    void set_command_status(const std::string& prefix, int status);
-    int command_status(const std::string& command) const;
+    /* Suspend: the caller sleeps, board time going on and the monotonic
+     * clock stopped, until wake() names a reason. */
+    std::string suspend();
+    void wake(const std::string& reason);
+    bool suspended() const { return suspended_; }
+
+    /* Whether simulated commands that halt the instrument end the process
+     * (under the launcher) or only return (in unit tests). */
     bool exit_on_halt() const { return launched_; }
 
     /* The wait behind poll, select and the sleeps: returns the number of
-     * ready entries, 0 on time-out, or -errno. timeout < 0 waits for ever. */
+     * ready entries, 0 on time-out, or -errno. timeout is board time; < 0
+     * waits for ever. */
     int wait(struct pollfd* fds, size_t n, ns_t timeout, const sigset_t* mask);
     int sleep_for(ns_t duration, ns_t* left);
+    /* Host wake-ups of the wait loop so far (a benchmark's measure). */
+    uint64_t wakeups() const { return wakeups_; }
 
     /* Scenarios, state and control */
     std::string apply_scenario(const std::string& text); /* "" or the first error */
     std::string reset(const std::string& scenario); /* "" or the scenario's first error */
     void save_state();
     std::string control(const std::string& line); /* data lines, then "ok" or "error: ..." */
+    /* A device's own control command: run gets the whole line and its
+     * words, and answers as control() does; help is its line(s) of 'help'. */
+    void add_control(const std::string& verb, const std::string& help,
+                     std::function<std::string(const std::string&, const std::vector<std::string>&)> run);
+
+    /* The process is going away (exit, or a halt command). */
+    void shutdown();
 
 private:
     Board();
-    void start();
+    bool start();
     void build();
     void load_state();
     void open_control_socket();
     void serve_control(int fd, short revents);
+    std::string clock_command(const std::vector<std::string>& w);
+    void advance_models(ns_t to);
+    int wait_until(struct pollfd* fds, size_t n, ns_t deadline, const sigset_t* mask,
+                   const std::function<bool()>& done);
+    ns_t model_time_ = -1; /* during advance: the time the models are brought to */
+    ns_t advanced_to_ = 0; /* the time the models were last brought to */
+    friend void forget_board_in_child();
 
     std::recursive_mutex mu_;
     std::string dir_;
     bool launched_ = false;
     bool temporary_ = false;
+    int owner_pid_ = 0;
+    int lock_fd_ = -1;
     std::string scenario_;
     std::vector<std::unique_ptr<Node>> node_store_;
     std::map<std::string, Node*> nodes_;
@@ -226,30 +301,40 @@ private:
     std::map<int, std::shared_ptr<OpenFile>> files_;
     std::vector<Model*> models_;
     std::vector<std::unique_ptr<Model>> model_store_;
+    std::map<std::type_index, Model*> devices_;
     Params params_;
     std::vector<Fault> faults_;
-    std::vector<std::pair<std::string, int>> command_status_;
+    std::map<std::string, std::vector<std::string>> fault_targets_;
     int journal_fd_ = -1;
     int control_fd_ = -1;
+    std::mutex control_serving_; /* one thread serves the control socket */
     std::vector<int> control_conns_;
     std::map<int, std::string> control_input_;
-    ns_t state_time_ = 0;
-
-    friend void destroy_board();
+    bool suspended_ = false;
+    std::string wake_reason_;
+    uint64_t wakeups_ = 0;
 };
 
 /* Files of the sandbox, through the real libc: the whole content (false when
- * there is no file), and a write that creates missing parent folders. */
+ * there is no file), and a write that creates missing parent folders and
+ * replaces the file atomically (a temporary file renamed over it). */
 bool read_whole_file(const std::string& path, std::string* content);
 bool write_whole_file(const std::string& path, const std::string& content);
 
 /* Normalises an absolute path (collapses "//" and "/./", drops a trailing
  * "/"); relative paths are returned unchanged. */
 std::string normalize_path(const char* path);
+/* "/var/opt" covers "/var/opt" and "/var/opt/x", not "/var/optx"; a prefix
+ * ending in '-' or '/' is a plain string prefix; a device family covers its
+ * numbered devices ("/dev/spidev" covers "/dev/spidev1.1"). */
+bool path_has_prefix(const std::string& path, const std::string& prefix);
 
 /* Errno names for journals and the control protocol. */
 std::string errno_name(int err);
 int errno_from_name(const std::string& name);
+/* ioctl request names the fault command takes ("RTC_WKALM_SET"); 0 if
+ * unknown. */
+unsigned long ioctl_from_name(const std::string& name);
 
 /* "08 22" */
 std::string hex_bytes(const void* data, size_t n);
@@ -258,9 +343,7 @@ std::string hex_bytes(const void* data, size_t n);
 bool parse_hex_bytes(const std::string& text, std::string* bytes);
 /* Printable text for the journal: escapes control characters and backslashes. */
 std::string quote_text(const std::string& s);
-
-/* Registers every device and model of the board (sim/devices/devices.cpp). */
-void register_devices(Board& board);
+std::string trim(const std::string& s);
 
 } // namespace sim
 

@@ -2,6 +2,8 @@
  * "ok" or "error: ..." out. The same interpreter serves the in-process API
  * of the unit tests and the Unix socket of a running board. */
 #include <algorithm>
+#include <functional>
+#include <map>
 #include <cstring>
 #include <fcntl.h>
 #include <sstream>
@@ -26,10 +28,15 @@ const char kHelp[] =
     "journal-clear                empty the journal\n"
     "fault DEVICE OP ERR [COUNT]  the next COUNT (default 1, or 'always') OP calls of\n"
     "                             DEVICE fail with errno ERR (e.g. EREMOTEIO) or, with\n"
-    "                             ERR 'short', transfer one byte less\n"
+    "                             ERR 'short', transfer one byte less; OP 'ioctl:NAME'\n"
+    "                             fails one request only (ioctl:RTC_WKALM_SET)\n"
     "absent PATH [1|0]            make a file or device disappear (or come back)\n"
     "faults-clear                 remove every fault and absence\n"
-    "command STATUS PREFIX...     exit status of simulated commands starting with PREFIX\n"
+    "clock                        mode, board time, monotonic, realtime, time suspended\n"
+    "clock mode MODE              real, scaled K, step or warp\n"
+    "clock advance DURATION       move board time on (10s, 150ms, 2.5s, 1h)\n"
+    "clock advance-to-next        move board time to the next pending event\n"
+    "wake [REASON]                end a suspend (REASON default 'control')\n"
     "help                         this text\n";
 
 std::vector<std::string> split_words(const std::string& line)
@@ -64,7 +71,64 @@ std::string error(const std::string& text)
     return "error: " + text + "\n";
 }
 
+/* "" on success, else the error. */
+std::string reply(const std::string& err)
+{
+    return err.empty() ? "ok\n" : error(err);
+}
+
+struct ControlVerb {
+    std::string help;
+    std::function<std::string(const std::string&, const std::vector<std::string>&)> run;
+};
+
+std::map<std::string, ControlVerb>& verbs()
+{
+    static std::map<std::string, ControlVerb> v;
+    return v;
+}
+
 } // namespace
+
+void Board::add_control(const std::string& verb, const std::string& help,
+                        std::function<std::string(const std::string&, const std::vector<std::string>&)> run)
+{
+    verbs()[verb] = {help, std::move(run)};
+}
+
+std::string Board::clock_command(const std::vector<std::string>& w)
+{
+    Clock& c = clock();
+    if (w.size() == 1) {
+        return "mode = " + c.mode_text() + "\nboard = " + format_seconds(c.now()) + "\nmonotonic = " +
+               format_seconds(c.monotonic()) + "\nrealtime = " + format_wall_time(c.realtime()) +
+               "\nsuspended = " + format_seconds(c.suspended_total()) + "\nok\n";
+    }
+    if (w[1] == "mode" && w.size() >= 3) {
+        std::string mode = w[2];
+        for (size_t i = 3; i < w.size(); i++)
+            mode += " " + w[i];
+        return reply(c.set_mode(mode));
+    }
+    if (w[1] == "advance" && w.size() == 3) {
+        ns_t d = 0;
+        if (w[2] == "advance-to-next" || w[2] == "next") {
+            ns_t next = next_event();
+            if (next == kNever)
+                return error("nothing is pending");
+            c.advance_to(next);
+        } else if (!parse_duration(w[2], &d)) {
+            return error("bad duration '" + w[2] + "' (10s, 150ms, 2.5s, 1h)");
+        } else {
+            c.advance(d);
+        }
+        advance();
+        return format_seconds(c.now()) + "\nok\n";
+    }
+    if (w[1] == "advance-to-next" && w.size() == 2)
+        return clock_command({"clock", "advance", "next"});
+    return error("bad clock command (try 'help')");
+}
 
 std::string Board::control(const std::string& line)
 {
@@ -75,8 +139,23 @@ std::string Board::control(const std::string& line)
         return error("empty command");
     const std::string& cmd = w[0];
 
-    if (cmd == "help")
-        return std::string(kHelp) + "ok\n";
+    if (cmd == "help") {
+        std::string text = kHelp;
+        for (const auto& [verb, v] : verbs())
+            text += v.help;
+        return text + "ok\n";
+    }
+    if (cmd == "clock")
+        return clock_command(w);
+    if (cmd == "wake" && w.size() <= 2) {
+        if (!suspended_)
+            return error("the board is not suspended");
+        wake(w.size() == 2 ? w[1] : "control");
+        return "ok\n";
+    }
+    auto verb = verbs().find(cmd);
+    if (verb != verbs().end())
+        return verb->second.run(line, w);
     if (cmd == "reset") {
         std::string err = reset(scenario_);
         return err.empty() ? "ok\n" : error(err);
@@ -86,11 +165,7 @@ std::string Board::control(const std::string& line)
         return p == nullptr ? error("unknown key '" + w[1] + "'") : p->get() + "\nok\n";
     }
     if (cmd == "set" && w.size() >= 3) {
-        std::string err = params_.set(w[1], rest_after(line, 2));
-        if (!err.empty())
-            return error(err);
-        save_state();
-        return "ok\n";
+        return reply(params_.set(w[1], rest_after(line, 2)));
     }
     if (cmd == "state" && w.size() == 1) {
         std::string out;
@@ -112,6 +187,12 @@ std::string Board::control(const std::string& line)
         Fault f;
         f.device = w[1];
         f.op = w[2];
+        if (f.op.compare(0, 6, "ioctl:") == 0) {
+            f.request = ioctl_from_name(f.op.substr(6));
+            if (f.request == 0)
+                return error("unknown ioctl '" + f.op.substr(6) + "'");
+            f.op = "ioctl";
+        }
         if (w[3] == "short") {
             f.is_short = true;
         } else {
@@ -121,26 +202,19 @@ std::string Board::control(const std::string& line)
         }
         if (w.size() == 5) {
             f.count = w[4] == "always" ? -1 : atoi(w[4].c_str());
-            if (f.count == 0)
+            if (f.count <= 0 && w[4] != "always")
                 return error("bad count '" + w[4] + "'");
         }
-        add_fault(f);
-        return "ok\n";
+        return reply(add_fault(f));
     }
     if (cmd == "absent" && (w.size() == 2 || w.size() == 3)) {
+        if (std::string err = check_path(w[1]); !err.empty())
+            return error(err);
         set_absent(w[1], w.size() == 2 || w[2] != "0");
         return "ok\n";
     }
     if (cmd == "faults-clear" && w.size() == 1) {
         clear_faults();
-        return "ok\n";
-    }
-    if (cmd == "command" && w.size() >= 3) {
-        char* end = nullptr;
-        long status = strtol(w[1].c_str(), &end, 10);
-        if (*end != '\0' || status < 0 || status > 255)
-            return error("bad status '" + w[1] + "'");
-        set_command_status(rest_after(line, 2), static_cast<int>(status));
         return "ok\n";
     }
     return error("bad command '" + line + "' (try 'help')");
@@ -186,10 +260,10 @@ void Board::serve_control(int fd, short revents)
         return;
     if (lf != std::string::npos)
         in.erase(lf);
-    std::string reply = in.empty() ? error("empty command") : control(in);
+    std::string answer = in.empty() ? error("empty command") : control(in);
     int flags = SIM_REAL(fcntl)(fd, F_GETFL, nullptr);
     SIM_REAL(fcntl)(fd, F_SETFL, reinterpret_cast<void*>(static_cast<intptr_t>(flags & ~O_NONBLOCK)));
-    send(fd, reply.data(), reply.size(), MSG_NOSIGNAL);
+    send(fd, answer.data(), answer.size(), MSG_NOSIGNAL);
     SIM_REAL(close)(fd);
     control_input_.erase(fd);
     control_conns_.erase(std::remove(control_conns_.begin(), control_conns_.end(), fd), control_conns_.end());

@@ -63,7 +63,7 @@ bool set(const std::string& key, const std::string& value)
     return err.empty();
 }
 
-void fault(const std::string& device, const std::string& op, int err, int count)
+bool fault(const std::string& device, const std::string& op, int err, int count)
 {
     Guard g;
     Fault f;
@@ -72,7 +72,41 @@ void fault(const std::string& device, const std::string& op, int err, int count)
     f.err = err;
     f.is_short = err == 0;
     f.count = count;
-    Board::get().add_fault(f);
+    std::string why = Board::get().add_fault(f);
+    if (!why.empty())
+        fprintf(stderr, "sim::fault: %s\n", why.c_str());
+    return why.empty();
+}
+
+bool clock_mode(const std::string& mode)
+{
+    Guard g;
+    Board& b = Board::get();
+    std::lock_guard<std::recursive_mutex> lock(b.mutex());
+    b.advance();
+    std::string err = clock().set_mode(mode);
+    if (!err.empty())
+        fprintf(stderr, "sim::clock_mode: %s\n", err.c_str());
+    return err.empty();
+}
+
+void advance_clock(int64_t ns)
+{
+    Guard g;
+    Board& b = Board::get();
+    std::lock_guard<std::recursive_mutex> lock(b.mutex());
+    clock().advance(ns);
+    b.advance();
+}
+
+int64_t board_ns()
+{
+    return clock().now();
+}
+
+int64_t monotonic_ns()
+{
+    return clock().monotonic();
 }
 
 std::vector<int> descriptors(const std::string& path)

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "instrument.h"
+#include <cstdint>
 
 namespace sim {
 
@@ -27,8 +27,17 @@ std::string get(const std::string& key);
 /* false (with the reason on stderr) if the key or value is refused. */
 bool set(const std::string& key, const std::string& value);
 /* The next count OP calls of device fail with errno err, or (err 0) are
- * short by one byte; count -1 fails for ever. */
-void fault(const std::string& device, const std::string& op, int err, int count = 1);
+ * short by one byte; count -1 fails for ever. False (with the reason on
+ * stderr) if device or op names nothing real. */
+bool fault(const std::string& device, const std::string& op, int err, int count = 1);
+
+/* The board's clock: "real", "scaled K", "step" or "warp"; false if refused. */
+bool clock_mode(const std::string& mode);
+/* Moves board time on by ns (the models follow through every event). */
+void advance_clock(int64_t ns);
+/* Board time, and the program's CLOCK_MONOTONIC, in ns. */
+int64_t board_ns();
+int64_t monotonic_ns();
 
 /* The program's descriptors open on a device or attribute (leak checks). */
 std::vector<int> descriptors(const std::string& path);

@@ -5,6 +5,9 @@
 #define VELASIM_SYSCALLS_H
 
 #include <dirent.h>
+#include <stdint.h>
+#include <sys/timerfd.h>
+#include <sys/uio.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdio.h>
@@ -17,6 +20,22 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+
+/* The 64-bit time layouts of a 32-bit glibc, as the program passes them to
+ * the __*64 entry points (little-endian: the nanoseconds, then padding). */
+struct sim_timespec64 {
+    int64_t tv_sec;
+    int32_t tv_nsec;
+    int32_t pad;
+};
+struct sim_timeval64 {
+    int64_t tv_sec;
+    int64_t tv_usec;
+};
+struct sim_itimerspec64 {
+    struct sim_timespec64 it_interval;
+    struct sim_timespec64 it_value;
+};
 
 enum {
 #define SIM_FN(ret, name, ...) SIM_IDX_##name,
@@ -52,6 +71,10 @@ int sim_dup3(int* r, int fd, int newfd, int flags, int kind);
 int sim_fcntl(int* r, int fd, int cmd, void* arg);
 int sim_read(ssize_t* r, int fd, void* buf, size_t n, size_t buflen);
 int sim_write(ssize_t* r, int fd, const void* buf, size_t n);
+int sim_pread(ssize_t* r, int fd, void* buf, size_t n, size_t buflen, off64_t off);
+int sim_pwrite(ssize_t* r, int fd, const void* buf, size_t n, off64_t off);
+int sim_readv(ssize_t* r, int fd, const struct iovec* iov, int count);
+int sim_writev(ssize_t* r, int fd, const struct iovec* iov, int count);
 int sim_lseek(off_t* r, int fd, off_t off, int whence);
 int sim_lseek64(off64_t* r, int fd, off64_t off, int whence);
 int sim_ioctl(int* r, int fd, unsigned long request, void* arg);
@@ -66,6 +89,27 @@ int sim_nanosleep(int* r, const struct timespec* req, struct timespec* rem);
 int sim_clock_nanosleep(int* r, clockid_t clock, int flags, const struct timespec* req,
                         struct timespec* rem);
 int sim_sleep(unsigned* r, unsigned seconds);
+int sim_clock_gettime(int* r, clockid_t clock, struct timespec* ts);
+int sim_gettimeofday(int* r, struct timeval* tv, void* tz);
+int sim_time(time_t* r, time_t* t);
+int sim_timerfd_create(int* r, clockid_t clock, int flags);
+int sim_timerfd_settime(int* r, int fd, int flags, const struct itimerspec* value, struct itimerspec* old);
+int sim_timerfd_gettime(int* r, int fd, struct itimerspec* cur);
+#if __TIMESIZE == 32
+int sim_clock_gettime64(int* r, clockid_t clock, struct sim_timespec64* ts);
+int sim_gettimeofday64(int* r, struct sim_timeval64* tv, void* tz);
+int sim_time64(int64_t* r, int64_t* t);
+int sim_nanosleep64(int* r, const struct sim_timespec64* req, struct sim_timespec64* rem);
+int sim_clock_nanosleep64(int* r, clockid_t clock, int flags, const struct sim_timespec64* req,
+                          struct sim_timespec64* rem);
+int sim_select64(int* r, int n, fd_set* rd, fd_set* wr, fd_set* ex, struct sim_timeval64* tv);
+int sim_pselect64(int* r, int n, fd_set* rd, fd_set* wr, fd_set* ex, const struct sim_timespec64* ts,
+                  const sigset_t* mask);
+int sim_ppoll64(int* r, struct pollfd* fds, nfds_t n, const struct sim_timespec64* ts, const sigset_t* mask);
+int sim_timerfd_settime64(int* r, int fd, int flags, const struct sim_itimerspec64* value,
+                          struct sim_itimerspec64* old);
+int sim_timerfd_gettime64(int* r, int fd, struct sim_itimerspec64* cur);
+#endif
 int sim_faccessat(int* r, int dirfd, const char* path, int mode, int flags);
 int sim_fstatat(int* r, int dirfd, const char* path, void* st, int flags, int is64);
 int sim_fstat(int* r, int fd, void* st, int is64);

@@ -1,8 +1,8 @@
 /* velasim: runs a program against the simulated board, and talks to a
  * running board.
  *
- *   velasim run [--dir DIR] [--scenario FILE] -- COMMAND [ARGS...]
- *   velasim ctl [--dir DIR] COMMAND...
+ *   velasim run [--dir DIR] [--scenario FILE] [--clock MODE] -- COMMAND [ARGS...]
+ *   velasim ctl [--dir DIR] [--timeout SECONDS] COMMAND...
  *
  * The launcher itself is not simulated: it prepares the board's directory,
  * preloads libvelasim.so into COMMAND and becomes it. */
@@ -15,6 +15,9 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -29,8 +32,9 @@ namespace {
 int usage()
 {
     fprintf(stderr,
-            "usage: velasim run [--dir DIR] [--scenario FILE] -- COMMAND [ARGS...]\n"
-            "       velasim ctl [--dir DIR] COMMAND...   (velasim ctl --dir DIR help)\n");
+            "usage: velasim run [--dir DIR] [--scenario FILE] [--clock MODE] -- COMMAND [ARGS...]\n"
+            "       velasim ctl [--dir DIR] [--timeout SECONDS] COMMAND...   (velasim ctl --dir DIR help)\n"
+            "MODE: real (default), 'scaled K', step or warp\n");
     return 2;
 }
 
@@ -51,9 +55,25 @@ std::string preload_library()
 #endif
 }
 
+/* The pid of another process that holds the board in dir, or 0. */
+long board_holder(const std::string& dir)
+{
+    int fd = open((dir + "/lock").c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return 0;
+    long holder = 0;
+    if (flock(fd, LOCK_SH | LOCK_NB) != 0) {
+        char buf[32] = {};
+        ssize_t n = read(fd, buf, sizeof buf - 1);
+        holder = n > 0 ? strtol(buf, nullptr, 10) : -1;
+    }
+    close(fd);
+    return holder;
+}
+
 int run(int argc, char** argv)
 {
-    std::string dir, scenario;
+    std::string dir, scenario, clock;
     int i = 2;
     for (; i < argc; i++) {
         std::string a = argv[i];
@@ -65,6 +85,8 @@ int run(int argc, char** argv)
             dir = argv[++i];
         else if (a == "--scenario" && i + 1 < argc)
             scenario = argv[++i];
+        else if (a == "--clock" && i + 1 < argc)
+            clock = argv[++i];
         else
             return usage();
     }
@@ -96,9 +118,15 @@ int run(int argc, char** argv)
         fs::create_directories(dir, ec);
         dir = fs::absolute(dir).string();
     }
+    /* One program per board: a second one would fight the first over the
+     * clock, the journal and the devices. */
+    if (long holder = board_holder(dir); holder != 0) {
+        fprintf(stderr, "velasim: the board in %s is in use by process %ld\n", dir.c_str(), holder);
+        return 2;
+    }
     if (!scenario.empty() || !fs::exists(dir + "/scenario")) {
         /* A new scenario is a new board: forget what the last one did. */
-        for (const char* f : {"state", "epoch", "journal"})
+        for (const char* f : {"state", "journal"})
             fs::remove(dir + "/" + f, ec);
         fs::remove_all(dir + "/fs", ec);
         std::ofstream(dir + "/scenario") << scenario_text;
@@ -115,6 +143,10 @@ int run(int argc, char** argv)
         preload += std::string(":") + old;
     setenv("LD_PRELOAD", preload.c_str(), 1);
     setenv("VELASIM_DIR", dir.c_str(), 1);
+    if (!clock.empty())
+        setenv("VELASIM_CLOCK", clock.c_str(), 1);
+    else
+        unsetenv("VELASIM_CLOCK");
     execvp(argv[i], argv + i);
     fprintf(stderr, "velasim: %s: %s\n", argv[i], strerror(errno));
     return 127;
@@ -124,10 +156,16 @@ int ctl(int argc, char** argv)
 {
     const char* env = getenv("VELASIM_DIR");
     std::string dir = env != nullptr ? env : "";
+    int timeout_ms = 10000;
     int i = 2;
-    if (i + 1 < argc && std::string(argv[i]) == "--dir") {
-        dir = argv[i + 1];
-        i += 2;
+    for (; i + 1 < argc; i += 2) {
+        std::string a = argv[i];
+        if (a == "--dir")
+            dir = argv[i + 1];
+        else if (a == "--timeout")
+            timeout_ms = static_cast<int>(atof(argv[i + 1]) * 1000);
+        else
+            break;
     }
     if (dir.empty() || i >= argc)
         return usage();
@@ -149,11 +187,21 @@ int ctl(int argc, char** argv)
     if (write(fd, line.data(), line.size()) != static_cast<ssize_t>(line.size()))
         return 2;
     shutdown(fd, SHUT_WR);
+    /* A board answers while its program waits; one that is busy (or stopped
+     * in a debugger) is given up on. */
     std::string reply;
     char buf[4096];
-    ssize_t n;
-    while ((n = read(fd, buf, sizeof buf)) > 0)
-        reply.append(buf, static_cast<size_t>(n));
+    ssize_t n = 1;
+    struct pollfd p = {fd, POLLIN, 0};
+    while (n > 0) {
+        if (poll(&p, 1, timeout_ms) != 1) {
+            fprintf(stderr, "velasim: the board in %s did not answer within %d ms\n", dir.c_str(), timeout_ms);
+            close(fd);
+            return 2;
+        }
+        if ((n = read(fd, buf, sizeof buf)) > 0)
+            reply.append(buf, static_cast<size_t>(n));
+    }
     close(fd);
 
     /* Data lines to stdout; the closing "ok" is implied by the exit status. */

@@ -10,11 +10,32 @@
 
 namespace sim {
 
+namespace {
+
+/* The text of the last read from offset 0. */
+struct AttrText : OpenState {
+    std::string text;
+    bool valid = false;
+};
+
+} // namespace
+
+int AttrNode::open(OpenFile& of)
+{
+    of.state = std::make_unique<AttrText>();
+    return 0;
+}
+
 int64_t AttrNode::read(OpenFile& of, void* buf, size_t n)
 {
-    if (of.pos == 0)
-        of.seen_event = event_;
-    std::string text = show();
+    auto& snap = static_cast<AttrText&>(*of.state);
+    if (of.pos == 0 || !snap.valid) {
+        if (of.pos == 0)
+            of.seen_event = event_;
+        snap.text = show();
+        snap.valid = true;
+    }
+    const std::string& text = snap.text;
     if (of.pos >= static_cast<int64_t>(text.size()))
         return 0;
     size_t count = std::min(n, text.size() - static_cast<size_t>(of.pos));

@@ -1,6 +1,7 @@
-/* A sysfs-style attribute: text produced on read from offset 0, one store per
- * write, and the kernel's change notification (poll POLLPRI|POLLERR, select
- * exception) until the file is read again from offset 0. */
+/* A sysfs-style attribute: text produced once on a read from offset 0 and
+ * served from that copy for the reads that follow, one store per write, and
+ * the kernel's change notification (poll POLLPRI|POLLERR, select exception)
+ * until the file is read again from offset 0. */
 #ifndef VELASIM_ATTR_H
 #define VELASIM_ATTR_H
 
@@ -22,6 +23,7 @@ public:
     /* A change the kernel would announce with sysfs_notify(). */
     void notify() { event_++; }
 
+    int open(OpenFile& of) override;
     int64_t read(OpenFile& of, void* buf, size_t n) override;
     int64_t write(OpenFile& of, const void* buf, size_t n) override;
     short poll(OpenFile& of) override;

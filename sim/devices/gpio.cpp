@@ -2,22 +2,22 @@
 
 namespace sim {
 
-GpioLine* GpioLine::input(Board& board, const std::string& name, std::function<int()> level)
+GpioLine* GpioLine::input(Board& board, const std::string& name, int level)
 {
-    return board.adopt(std::unique_ptr<GpioLine>(new GpioLine(board, name, std::move(level), nullptr)));
+    return board.adopt(std::unique_ptr<GpioLine>(new GpioLine(board, name, level, nullptr)));
 }
 
 GpioLine* GpioLine::output(Board& board, const std::string& name, int* value)
 {
-    return board.adopt(std::unique_ptr<GpioLine>(new GpioLine(board, name, nullptr, value)));
+    return board.adopt(std::unique_ptr<GpioLine>(new GpioLine(board, name, 0, value)));
 }
 
-GpioLine::GpioLine(Board& board, std::string name, std::function<int()> input, int* out)
-    : name_(std::move(name)), level_(std::move(input)), out_(out)
+GpioLine::GpioLine(Board& board, std::string name, int level, int* out)
+    : name_(std::move(name)), level_(level != 0), out_(out)
 {
     std::string dir = "/sys/class/gpio/" + name_;
     auto value = std::make_unique<FuncAttr>(
-        board, dir + "/value", 0644, [this] { return std::string(level() ? "1\n" : "0\n"); },
+        board, dir + "/value", 0644, [this] { return std::string(this->level() ? "1\n" : "0\n"); },
         [this](const std::string& t) { return store_value(t); });
     value_ = value.get();
     board.add_node(std::move(value));
@@ -26,29 +26,21 @@ GpioLine::GpioLine(Board& board, std::string name, std::function<int()> input, i
         [this](const std::string& t) { return store_edge(t); }));
     board.add_node(std::make_unique<FuncAttr>(board, dir + "/direction", 0444,
                                               [this] { return std::string(out_ ? "out\n" : "in\n"); }));
-    board.params().add({"gpio." + name_ + ".edge", "edge setting of the line",
+    board.params().add({"gpio." + name_ + ".edge", "edge setting of the line: none, rising, falling or both",
                         [this] { return edge_; },
                         [this](const std::string& t) { return store_edge(t) == 0; }, true});
-    board.params().add_readonly("gpio." + name_ + ".value", [this] { return std::to_string(level()); },
+    board.params().add_readonly("gpio." + name_ + ".value", [this] { return std::to_string(this->level()); },
                                 "level of the line");
 }
 
-void GpioLine::reset()
-{
-    edge_ = "none";
-    last_level_ = level();
-}
-
 /* Edges are only seen on input lines, and only while armed. */
-void GpioLine::advance(ns_t)
+void GpioLine::drive(int level)
 {
-    if (out_ != nullptr)
+    int l = level != 0;
+    if (out_ != nullptr || l == level_)
         return;
-    int l = level();
-    if (l == last_level_)
-        return;
-    bool rising = l > last_level_;
-    last_level_ = l;
+    bool rising = l > level_;
+    level_ = l;
     if (edge_ == "both" || (rising && edge_ == "rising") || (!rising && edge_ == "falling"))
         value_->notify();
 }
@@ -68,7 +60,6 @@ int GpioLine::store_edge(const std::string& text)
 {
     for (const char* e : {"none", "rising", "falling", "both"}) {
         if (sysfs_streq(text, e)) {
-            last_level_ = level();
             edge_ = e;
             return 0;
         }

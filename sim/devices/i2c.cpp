@@ -1,6 +1,8 @@
 #include "i2c.h"
 
 #include <cstdio>
+
+#include "device.h"
 #include <linux/i2c-dev.h>
 #include <linux/i2c.h>
 
@@ -16,6 +18,12 @@ struct I2cOpen : OpenState {
 constexpr size_t kMaxTransfer = 8192;
 
 } // namespace
+
+void I2cBus::attach(int addr, I2cChip* chip)
+{
+    chips_[addr] = chip;
+    board_.add_fault_target(chip_name(addr), {"read", "write"});
+}
 
 std::string I2cBus::chip_name(int addr) const
 {
@@ -38,7 +46,7 @@ int64_t I2cBus::transfer(int addr, bool is_read, uint8_t* data, size_t n)
     FaultHit f = board_.take_fault(name, op);
     int err = 0;
     if (it == chips_.end())
-        err = -ENXIO; /* nobody acknowledged the address */
+        err = -EREMOTEIO; /* nobody acknowledged the address: i2c-omap reports the NACK */
     else if (f.hit && !f.is_short)
         err = -f.err;
     if (err == 0 && f.is_short && n > 0)
@@ -109,5 +117,16 @@ int I2cBus::ioctl(OpenFile& of, unsigned long request, void* arg)
         return -ENOTTY;
     }
 }
+
+I2c::I2c(Board& board)
+{
+    for (int n = 0; n < 2; n++) {
+        auto bus = std::make_unique<I2cBus>(board, "/dev/i2c-" + std::to_string(n));
+        buses_[n] = bus.get();
+        board.add_node(std::move(bus));
+    }
+}
+
+VELASIM_DEVICE(I2c);
 
 } // namespace sim

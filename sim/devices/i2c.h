@@ -23,7 +23,8 @@ class I2cBus : public Node {
 public:
     I2cBus(Board& board, std::string path) : Node(std::move(path), S_IFCHR | 0660), board_(board) {}
 
-    void attach(int addr, I2cChip* chip) { chips_[addr] = chip; }
+    /* A chip at addr; its read and write can be made to fail. */
+    void attach(int addr, I2cChip* chip);
     /* Journal and fault name of a chip: "/dev/i2c-1@0x60". */
     std::string chip_name(int addr) const;
 
@@ -37,6 +38,17 @@ private:
 
     Board& board_;
     std::map<int, I2cChip*> chips_;
+};
+
+/* The processor's I2C controllers as i2c-dev shows them: /dev/i2c-0 (the
+ * charger) and /dev/i2c-1 (motor DAC, potentiometer). */
+class I2c : public Model {
+public:
+    explicit I2c(Board& board);
+    I2cBus& bus(int n) { return *buses_[n]; }
+
+private:
+    I2cBus* buses_[2];
 };
 
 } // namespace sim

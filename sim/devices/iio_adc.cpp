@@ -7,8 +7,9 @@
 #include <cmath>
 
 #include "attr.h"
-#include "devices.h"
-#include "instrument.h"
+#include "device.h"
+#include "drive.h"
+#include "supply.h"
 
 namespace sim {
 
@@ -32,17 +33,19 @@ uint64_t splitmix64(uint64_t x)
     return x ^ (x >> 31);
 }
 
+} // namespace
+
 class IioAdc : public Model {
 public:
-    explicit IioAdc(Board& board)
+    IioAdc(Board& board, Supply& supply, Drive& drive) : supply_(supply), drive_(drive)
     {
         for (int ch = 0; ch < kChannels; ch++) {
             std::string path = "/sys/bus/iio/devices/iio:device0/in_voltage" + std::to_string(ch) + "_raw";
             board.add_node(std::make_unique<FuncAttr>(board, path, 0444,
                                                       [this, ch] { return std::to_string(code(ch)) + "\n"; }));
         }
-        board.params().add_int("adc.noise_seed", &seed_, "seed of the ADC's noise");
-        board.params().add_int("adc.noise_codes", &noise_codes_, "ADC noise amplitude, +- codes");
+        board.params().add_int("adc.noise_seed", &seed_, "seed of the ADC's noise", INT32_MIN, INT32_MAX);
+        board.params().add_int("adc.noise_codes", &noise_codes_, "ADC noise amplitude, +- codes (0..4095)", 0, 4095);
     }
 
     void reset() override
@@ -53,10 +56,10 @@ public:
     }
 
 private:
-    static double input_v(int ch)
+    double input_v(int ch) const
     {
-        const Supply& s = instrument().supply;
-        const Drive& d = instrument().drive;
+        const Supply& s = supply_;
+        const Drive& d = drive_;
         switch (ch) {
         case 0: return s.ntc_v();
         case 1: return s.battery_v;
@@ -84,16 +87,13 @@ private:
         return static_cast<int>(std::clamp<long>(c, 0, kMaxCode));
     }
 
+    Supply& supply_;
+    Drive& drive_;
     int seed_ = 1;
     int noise_codes_ = 2;
     uint64_t draws_ = 0;
 };
 
-} // namespace
-
-void add_iio_adc(Board& board)
-{
-    board.adopt(std::make_unique<IioAdc>(board));
-}
+VELASIM_DEVICE(IioAdc, Supply, Drive);
 
 } // namespace sim

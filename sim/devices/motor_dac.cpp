@@ -1,12 +1,31 @@
-#include "motor_dac.h"
+/* The motor's 12-bit I2C DAC at 0x60 on /dev/i2c-1 (fast-write and
+ * register-write commands); its output register sets the drive's speed. */
+#include "device.h"
+#include "drive.h"
+#include "i2c.h"
 
 #include <cstring>
 
 namespace sim {
 
-MotorDac::MotorDac(Drive& drive, Params& params) : drive_(drive)
+class MotorDac : public I2cChip, public Model {
+public:
+    MotorDac(Board& board, Drive& drive, I2c& i2c);
+    int write(const uint8_t* data, size_t n) override;
+    int read(uint8_t* data, size_t n) override;
+    void reset() override;
+
+private:
+    Drive& drive_;
+    int eeprom_ = 2082;
+    int eeprom_pd_ = 0;
+};
+
+
+MotorDac::MotorDac(Board& board, Drive& drive, I2c& i2c) : drive_(drive)
 {
-    params.add_int("motor.dac_eeprom", &eeprom_, "DAC code loaded at power-on");
+    board.params().add_int("motor.dac_eeprom", &eeprom_, "DAC code loaded at power-on (0..4095)", 0, 4095);
+    i2c.bus(1).attach(0x60, this);
 }
 
 void MotorDac::reset()
@@ -48,5 +67,7 @@ int MotorDac::read(uint8_t* d, size_t n)
         d[i] = reg[i % 5];
     return 0;
 }
+
+VELASIM_DEVICE(MotorDac, Drive, I2c);
 
 } // namespace sim

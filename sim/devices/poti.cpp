@@ -1,9 +1,24 @@
-#include "poti.h"
+/* The measurement channel's digital potentiometer at 0x2e on /dev/i2c-1
+ * (257 taps, one volatile wiper). */
+#include "device.h"
+#include "i2c.h"
+#include "meas_channel.h"
 
 #include <algorithm>
 #include <cerrno>
 
 namespace sim {
+
+/* A Model only so that the board owns it; its state is meas.poti. */
+class DigiPot : public I2cChip, public Model {
+public:
+    DigiPot(Board&, MeasChannel& meas, I2c& i2c) : meas_(meas) { i2c.bus(1).attach(0x2e, this); }
+    int write(const uint8_t* data, size_t n) override;
+    int read(uint8_t* data, size_t n) override;
+
+private:
+    MeasChannel& meas_;
+};
 
 namespace {
 
@@ -32,5 +47,7 @@ int DigiPot::read(uint8_t* d, size_t n)
         d[i] = static_cast<uint8_t>(i % 2 == 0 ? meas_.poti >> 8 : meas_.poti & 0xff);
     return 0;
 }
+
+VELASIM_DEVICE(DigiPot, MeasChannel, I2c);
 
 } // namespace sim

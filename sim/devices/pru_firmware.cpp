@@ -5,7 +5,6 @@
 #include <cstdio>
 #include <cstring>
 
-#include "instrument.h"
 #include "uio_pruss.h"
 
 namespace sim {
@@ -62,8 +61,10 @@ const struct {
 
 } // namespace
 
-void PruFirmware::register_params(Params& p)
+PruFirmware::PruFirmware(Pruss& pruss, Board& board, Probe& probe, MeasChannel& meas, Drive& drive)
+    : pruss_(pruss), board_(board), probe_(probe), meas_(meas), drive_(drive)
 {
+    Params& p = board.params();
     p.add({"pru.fault", "firmware fault: none, no-signal (after loading), no-start, no-stop",
            [this] {
                for (const auto& f : kFaults) {
@@ -82,7 +83,8 @@ void PruFirmware::register_params(Params& p)
                return false;
            },
            true});
-    p.add_int("pru.error", &error_code_, "error code the firmware reports in every acquisition (0: none)");
+    p.add_int("pru.error", &error_code_, "error code the firmware reports in every acquisition (0: none)", 0,
+              INT32_MAX);
     p.add_readonly("pru.state", [this] { return state(); }, "firmware: off, booting, idle or acquiring");
 }
 
@@ -128,7 +130,7 @@ void PruFirmware::advance(ns_t now)
         enter_main_loop();
     }
 
-    double hz = instrument().meas.sine_hz;
+    double hz = meas_.sine_hz;
     comm(OUT_PERIODTIME) = hz > 0 ? static_cast<uint32_t>(std::lround(1e9 / kTick / hz)) : 0;
     comm(DEBUG0) = comm(IN_DELAY);
     if (acquiring_) {
@@ -164,7 +166,7 @@ void PruFirmware::latch(ns_t now)
     count_ = 0;
     have_prev_ = false;
     pos_time_ = now;
-    pos_mm_ = instrument().drive.position_mm;
+    pos_mm_ = drive_.position_mm;
 
     for (uint32_t off : {OUT_COUNT, OUT_LASTSAMPLE, OUT_ERROR, OUT_MAX, OUT_MAXPOS, OUT_MINPOS, OUT_OF_MINCOUNT, DEBUG1})
         comm(off) = 0;
@@ -182,14 +184,14 @@ void PruFirmware::latch(ns_t now)
  * each conversion (it moved at constant speed since the last advance). */
 void PruFirmware::acquire_until(ns_t now)
 {
-    const Instrument& inst = instrument();
     double p0 = pos_mm_;
-    double p1 = inst.drive.position_mm;
+    double p1 = drive_.position_mm;
     ns_t t0 = pos_time_;
     uint32_t per_sample = 1u << req_.ovsdepth;
+    skip_overwritten(now, per_sample);
     while (acquiring_ && next_conv_ <= now) {
         double x = now > t0 ? p0 + (p1 - p0) * static_cast<double>(next_conv_ - t0) / static_cast<double>(now - t0) : p1;
-        sum_ += static_cast<uint64_t>(inst.probe.raw(inst.meas, x, conv_index_++));
+        sum_ += static_cast<uint64_t>(probe_.raw(meas_, x, conv_index_++));
         next_conv_ += conv_period_;
         if (++in_sample_ < per_sample)
             continue;
@@ -211,6 +213,28 @@ void PruFirmware::acquire_until(ns_t now)
     }
     pos_mm_ = p1;
     pos_time_ = now;
+}
+
+/* The monitor (in_maxcount 1) overwrites sample 0 again and again: over a
+ * long span only the last samples can be seen, so the conversions before
+ * them are passed over (their noise index included, so that the samples
+ * that are computed are the same as without the shortcut). The minimum and
+ * maximum then cover the samples computed only. */
+void PruFirmware::skip_overwritten(ns_t now, uint32_t per_sample)
+{
+    if (req_.maxcount != 1 || skip_left_ > 0 || next_conv_ > now)
+        return;
+    uint64_t due = static_cast<uint64_t>((now - next_conv_) / conv_period_) + 1;
+    uint64_t keep = 2 * uint64_t{per_sample}; /* the last sample and the one the filter looks back on */
+    if (due <= keep + per_sample)
+        return;
+    uint64_t drop = due - keep;
+    drop -= (in_sample_ + drop) % per_sample; /* to a sample boundary */
+    conv_index_ += drop;
+    next_conv_ += static_cast<ns_t>(drop) * conv_period_;
+    in_sample_ = 0;
+    sum_ = 0;
+    have_prev_ = false;
 }
 
 void PruFirmware::store(uint32_t value)

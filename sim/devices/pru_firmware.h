@@ -15,6 +15,9 @@
 #include <string>
 
 #include "board.h"
+#include "drive.h"
+#include "meas_channel.h"
+#include "probe.h"
 
 namespace sim {
 
@@ -28,9 +31,8 @@ public:
     static constexpr uint32_t kVersion0 = 21;
     static constexpr uint32_t kVersion1 = 12;
 
-    PruFirmware(Pruss& pruss, Board& board) : pruss_(pruss), board_(board) {}
+    PruFirmware(Pruss& pruss, Board& board, Probe& probe, MeasChannel& meas, Drive& drive);
 
-    void register_params(Params& params);
     void reset();
     void advance(ns_t now);
     ns_t next_event(ns_t now) const;
@@ -48,11 +50,15 @@ private:
     void enter_main_loop();
     void latch(ns_t now);
     void acquire_until(ns_t now);
+    void skip_overwritten(ns_t now, uint32_t per_sample);
     void store(uint32_t value);
     void finish();
 
     Pruss& pruss_;
     Board& board_;
+    Probe& probe_;
+    MeasChannel& meas_;
+    Drive& drive_;
     Fault fault_ = Fault::None;
     int error_code_ = 0; /* param pru.error: reported from the first sample on */
 

@@ -1,8 +1,33 @@
-#include "sine_gen.h"
+/* The measurement channel's DDS sine generator (16 MHz master clock, 28-bit
+ * frequency registers, 16-bit words) behind /dev/spidev1.1. */
+#include "device.h"
+#include "meas_channel.h"
+#include "spidev.h"
 
 #include <linux/spi/spidev.h>
 
 namespace sim {
+
+/* Powered by the channel supply: without it the chip forgets everything and
+ * comes back held in reset. Keeps meas.sine_hz current. */
+class SineGenerator : public SpiChip, public Model {
+public:
+    SineGenerator(Board& board, MeasChannel& meas);
+    void transfer(uint32_t mode, unsigned bits, const std::vector<uint32_t>& words) override;
+    void reset() override;
+    void advance(ns_t now) override;
+
+private:
+    void word(uint16_t w);
+    void load_freq(int reg, int value14);
+    double output_hz() const;
+
+    MeasChannel& meas_;
+    int control_ = 0;
+    int freq_[2] = {0, 0};
+    int lsb_[2] = {0, 0};           /* B28: low half waiting for its high half */
+    bool half_[2] = {false, false}; /* B28: next write is the high half */
+};
 
 namespace {
 
@@ -23,11 +48,13 @@ constexpr int kMask14 = 0x3fff;
 
 } // namespace
 
-SineGenerator::SineGenerator(MeasChannel& meas, Params& params) : meas_(meas)
+SineGenerator::SineGenerator(Board& board, MeasChannel& meas) : meas_(meas)
 {
-    params.add_int("sine.control", &control_, "generator control register (14 bits)");
-    params.add_int("sine.freq0", &freq_[0], "generator frequency register 0 (28 bits)");
-    params.add_int("sine.freq1", &freq_[1], "generator frequency register 1 (28 bits)");
+    Params& p = board.params();
+    p.add_int("sine.control", &control_, "generator control register (14 bits)", 0, 0x3fff);
+    p.add_int("sine.freq0", &freq_[0], "generator frequency register 0 (28 bits)", 0, 0xfffffff);
+    p.add_int("sine.freq1", &freq_[1], "generator frequency register 1 (28 bits)", 0, 0xfffffff);
+    board.add_node_model(std::make_unique<SpiDev>(board, "/dev/spidev1.1", this));
 }
 
 void SineGenerator::reset()
@@ -113,5 +140,7 @@ double SineGenerator::output_hz() const
         return 0.0;
     return kMclkHz * freq_[(control_ & kFselect) ? 1 : 0] / kSteps;
 }
+
+VELASIM_DEVICE(SineGenerator, MeasChannel);
 
 } // namespace sim

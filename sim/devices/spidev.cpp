@@ -43,9 +43,9 @@ SpiDev::SpiDev(Board& board, std::string path, SpiChip* chip)
     : Node(std::move(path), S_IFCHR | 0660), board_(board), chip_(chip)
 {
     std::string name = this->path().substr(this->path().rfind('/') + 1);
-    board.params().add_int(name + ".mode", &mode_, "SPI mode bits of " + this->path());
-    board.params().add_int(name + ".bits", &bits_, "bits per word of " + this->path());
-    board.params().add_int(name + ".speed_hz", &speed_hz_, "maximum clock of " + this->path() + ", Hz");
+    board.params().add_int(name + ".mode", &mode_, "SPI mode bits of " + this->path(), 0, 0xff);
+    board.params().add_int(name + ".bits", &bits_, "bits per word of " + this->path() + " (4..32)", 4, 32);
+    board.params().add_int(name + ".speed_hz", &speed_hz_, "maximum clock of " + this->path() + ", Hz", 1, 100000000);
 }
 
 void SpiDev::reset()

@@ -6,8 +6,7 @@
 #include <unistd.h>
 
 #include "attr.h"
-#include "devices.h"
-#include "instrument.h"
+#include "device.h"
 #include "pru_firmware.h"
 #include "syscalls.h"
 
@@ -144,9 +143,30 @@ private:
 
 } // namespace
 
-Pruss::Pruss(Board& board) : board_(board), firmware_(std::make_unique<PruFirmware>(*this, board))
+Pruss::Pruss(Board& board, Probe& probe, MeasChannel& meas, Drive& drive)
+    : board_(board), firmware_(std::make_unique<PruFirmware>(*this, board, probe, meas, drive))
 {
     regs_ = map_memfd("pruss-regs", kRegsSize, &regs_fd_);
+    board.params().add_int("pru.extram_size", &pool_size_, "DDR pool of uio_pruss (map1), bytes (4096..67108864)",
+                           4096, 64 << 20);
+    for (int n = 0; n < 8; n++) {
+        std::string dir = "/sys/class/uio/uio" + std::to_string(n);
+        board.add_node(std::make_unique<UioNode>(*this, n));
+        board.add_node(std::make_unique<FuncAttr>(board, dir + "/name", 0444,
+                                                  [n] { return "pruss_evt" + std::to_string(n) + "\n"; }));
+        for (int map = 0; map < 2; map++) {
+            std::string m = dir + "/maps/map" + std::to_string(map);
+            board.add_node(std::make_unique<FuncAttr>(board, m + "/addr", 0444, [map] {
+                return hex_word(map == 0 ? Pruss::kRegsPhys : Pruss::kDdrPhys) + "\n";
+            }));
+            board.add_node(std::make_unique<FuncAttr>(board, m + "/size", 0444, [this, map] {
+                size_t size = 0;
+                region(map, &size);
+                return hex_word(static_cast<uint32_t>(size)) + "\n";
+            }));
+            board.add_node(std::make_unique<FuncAttr>(board, m + "/offset", 0444, [] { return std::string("0x0\n"); }));
+        }
+    }
 }
 
 Pruss::~Pruss()
@@ -241,12 +261,6 @@ void Pruss::ensure_pool()
     unmap_memfd(ddr_, ddr_size_, ddr_fd_);
     ddr_size_ = want;
     ddr_ = map_memfd("pruss-ddr", ddr_size_, &ddr_fd_);
-}
-
-void Pruss::register_params(Params& p)
-{
-    p.add_int("pru.extram_size", &pool_size_, "DDR pool of uio_pruss (map1), bytes");
-    firmware_->register_params(p);
 }
 
 void Pruss::reset()
@@ -349,16 +363,11 @@ void Pruss::deliver_interrupts()
 
 void Pruss::advance(ns_t now)
 {
-    /* A journal line saves the board's state, which advances it again. */
-    if (advancing_)
-        return;
-    advancing_ = true;
     take_host_writes();
     watch_host();
     firmware_->advance(now);
     syscfg_ = reg(kCfg + 4);
     deliver_interrupts();
-    advancing_ = false;
 }
 
 ns_t Pruss::next_event(ns_t now)
@@ -366,32 +375,6 @@ ns_t Pruss::next_event(ns_t now)
     return firmware_->next_event(now);
 }
 
-void add_pruss(Board& board)
-{
-    Probe& probe = instrument().probe;
-    probe.register_params(board.params());
-    board.add_model(&probe);
-
-    Pruss* pruss = board.adopt(std::make_unique<Pruss>(board));
-    pruss->register_params(board.params());
-    for (int n = 0; n < 8; n++) {
-        std::string dir = "/sys/class/uio/uio" + std::to_string(n);
-        board.add_node(std::make_unique<UioNode>(*pruss, n));
-        board.add_node(std::make_unique<FuncAttr>(board, dir + "/name", 0444,
-                                                  [n] { return "pruss_evt" + std::to_string(n) + "\n"; }));
-        for (int map = 0; map < 2; map++) {
-            std::string m = dir + "/maps/map" + std::to_string(map);
-            board.add_node(std::make_unique<FuncAttr>(board, m + "/addr", 0444, [map] {
-                return hex_word(map == 0 ? Pruss::kRegsPhys : Pruss::kDdrPhys) + "\n";
-            }));
-            board.add_node(std::make_unique<FuncAttr>(board, m + "/size", 0444, [pruss, map] {
-                size_t size = 0;
-                pruss->region(map, &size);
-                return hex_word(static_cast<uint32_t>(size)) + "\n";
-            }));
-            board.add_node(std::make_unique<FuncAttr>(board, m + "/offset", 0444, [] { return std::string("0x0\n"); }));
-        }
-    }
-}
+VELASIM_DEVICE(Pruss, Probe, MeasChannel, Drive);
 
 } // namespace sim

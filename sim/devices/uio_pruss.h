@@ -15,6 +15,9 @@
 #include <stdint.h>
 
 #include "board.h"
+#include "drive.h"
+#include "meas_channel.h"
+#include "probe.h"
 
 namespace sim {
 
@@ -31,7 +34,7 @@ public:
     /* map1: where the kernel's pool sits in physical memory */
     static constexpr uint32_t kDdrPhys = 0x9e000000;
 
-    explicit Pruss(Board& board);
+    Pruss(Board& board, Probe& probe, MeasChannel& meas, Drive& drive);
     ~Pruss() override;
 
     /* The PRUs' side. */
@@ -50,7 +53,6 @@ public:
     uint64_t interrupts(int evtout) const { return interrupts_[evtout]; }
     void ensure_pool();
 
-    void register_params(Params& params);
     void reset() override;
     void create_files(Board& board) override;
     void advance(ns_t now) override;
@@ -75,7 +77,6 @@ private:
     uint64_t interrupts_[8] = {};
     bool pru_was_enabled_[2] = {};
     uint32_t syscfg_ = 0;
-    bool advancing_ = false;
 };
 
 } // namespace sim

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "opto.h"
+#include "board.h"
 #include "simtest.h"
 
 using testing::ElementsAre;

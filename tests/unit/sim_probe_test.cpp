@@ -10,6 +10,9 @@
 #include <sys/mman.h>
 #include <sys/select.h>
 #include <sys/stat.h>
+#include <sys/time.h>
+#include <sys/timerfd.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include "simtest.h"
@@ -50,7 +53,15 @@ TEST_F(Probe, EveryWrappedNameIsIntercepted)
     EXPECT_EQ(4, read(fd, buf, len));           /* __read_chk */
     ssize_t (*volatile plain_read)(int, void*, size_t) = read;
     EXPECT_EQ(2, plain_read(fd, buf, 2));
-    EXPECT_EQ(6, lseek(fd, 0, SEEK_CUR));
+    EXPECT_EQ(4, pread(fd, buf, len, 1));        /* __pread_chk */
+    EXPECT_EQ(4, pread64(fd, buf, len, 1));      /* __pread64_chk */
+    ssize_t (*volatile plain_pread)(int, void*, size_t, off_t) = pread;
+    ssize_t (*volatile plain_pread64)(int, void*, size_t, off64_t) = pread64;
+    EXPECT_EQ(2, plain_pread(fd, buf, 2, 0));
+    EXPECT_EQ(2, plain_pread64(fd, buf, 2, 0));
+    struct iovec iov = {buf, 1};
+    EXPECT_EQ(1, readv(fd, &iov, 1));
+    EXPECT_EQ(6, lseek(fd, -1, SEEK_CUR));
     EXPECT_EQ(0, lseek64(fd, 0, SEEK_SET));
     int n = 0;
     EXPECT_EQ(0, ioctl(fd, FIONREAD, &n));
@@ -68,6 +79,10 @@ TEST_F(Probe, EveryWrappedNameIsIntercepted)
 
     int null = open("/dev/null", O_WRONLY);
     EXPECT_EQ(1, write(null, "x", 1));
+    EXPECT_EQ(1, pwrite(null, "x", 1, 0));
+    EXPECT_EQ(1, pwrite64(null, "x", 1, 0));
+    struct iovec out = {const_cast<char*>("x"), 1};
+    EXPECT_EQ(1, writev(null, &out, 1));
     close(null);
 
     struct pollfd p[1] = {{fd, POLLIN, 0}};
@@ -85,6 +100,17 @@ TEST_F(Probe, EveryWrappedNameIsIntercepted)
     EXPECT_EQ(1, select(fd + 1, &rd, nullptr, nullptr, &tv));
     EXPECT_EQ(1, pselect(fd + 1, &rd, nullptr, nullptr, &zero, nullptr));
     close(fd);
+
+    struct timespec now;
+    EXPECT_EQ(0, clock_gettime(CLOCK_MONOTONIC, &now));
+    struct timeval tv_now;
+    EXPECT_EQ(0, gettimeofday(&tv_now, nullptr));
+    EXPECT_GT(time(nullptr), 0);
+    int timer = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK);
+    struct itimerspec its = {{0, 0}, {1, 0}}, old;
+    EXPECT_EQ(0, timerfd_settime(timer, 0, &its, &old));
+    EXPECT_EQ(0, timerfd_gettime(timer, &old));
+    close(timer);
 
     struct timespec tiny = {0, 1000};
     EXPECT_EQ(0, usleep(1));

@@ -19,16 +19,17 @@
 #include <termios.h>
 #include <unistd.h>
 
-#include "devices.h"
+#include "device.h"
 #include "syscalls.h"
 
 namespace sim {
 
 namespace {
 
-class SerialPort : public Node, public Model {
+/* The port's node, which is also its model. */
+class OptoPortNode : public Node, public Model {
 public:
-    SerialPort(Board& board, std::string path) : Node(std::move(path), S_IFCHR | 0660), board_(board) {}
+    OptoPortNode(Board& board, std::string path) : Node(std::move(path), S_IFCHR | 0660), board_(board) {}
 
     int open(OpenFile& of) override
     {
@@ -156,13 +157,15 @@ private:
 
 } // namespace
 
-void add_opto_port(Board& board)
-{
-    auto port = std::make_unique<SerialPort>(board, "/dev/ttyO1");
-    SerialPort* raw = port.get();
-    raw->register_params(board.params());
-    board.add_node(std::move(port));
-    board.add_model(raw);
-}
+/* The device: /dev/ttyO1. */
+class SerialPort : public Model {
+public:
+    explicit SerialPort(Board& board)
+    {
+        board.add_node_model(std::make_unique<OptoPortNode>(board, "/dev/ttyO1"))->register_params(board.params());
+    }
+};
+
+VELASIM_DEVICE(SerialPort);
 
 } // namespace sim
