@@ -217,6 +217,8 @@ void Board::build()
                          "CLOCK_REALTIME, UTC");
     params_.add_readonly("clock.suspended_s", [] { return format_seconds(clock().suspended_total()); },
                          "time spent suspended, s");
+    params_.add_readonly("board.wakeups", [this] { return std::to_string(wakeups_); },
+                         "times a wait of the program woke on the host");
     add_timers(*this);
     for (const DeviceType* t : build_order())
         t->make(*this);
@@ -304,6 +306,7 @@ std::string Board::suspend()
     suspended_ = false;
     std::string reason = wake_reason_.empty() ? "error" : wake_reason_;
     journal("power", "resume", reason);
+    save_state(); /* a suspend is a wait too, and what it did to the clocks counts */
     return reason;
 }
 

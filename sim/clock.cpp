@@ -43,20 +43,22 @@ Clock& clock()
 Clock::Clock()
 {
     anchor_host_ = host_monotonic_ns();
+    wall_at_boot_ = host_realtime_ns();
     reset();
 }
 
-/* A new board starts at time 0; a board reset within a running process
- * carries on from where its clock is, since the process's monotonic clock
- * must never run backwards. */
+/* A new board starts at time 0 with the host's wall clock; a board reset
+ * within a running process carries on from where its clocks are, since the
+ * process's clocks must never run backwards. */
 void Clock::reset()
 {
     std::lock_guard<std::mutex> lock(mu_);
     anchor_board_ = now_locked();
     anchor_host_ = host_monotonic_ns();
+    ns_t wall = std::max(host_realtime_ns(), anchor_board_ + wall_at_boot_);
     suspended_total_ = 0;
     suspend_start_ = -1;
-    wall_at_boot_ = host_realtime_ns() - anchor_board_;
+    wall_at_boot_ = wall - anchor_board_;
 }
 
 ns_t Clock::now_locked()

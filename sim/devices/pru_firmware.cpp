@@ -86,6 +86,8 @@ PruFirmware::PruFirmware(Pruss& pruss, Board& board, Probe& probe, MeasChannel& 
     p.add_int("pru.error", &error_code_, "error code the firmware reports in every acquisition (0: none)", 0,
               INT32_MAX);
     p.add_readonly("pru.state", [this] { return state(); }, "firmware: off, booting, idle or acquiring");
+    p.add_readonly("pru.conversions", [this] { return std::to_string(conversions_); },
+                   "conversions the model computed (its cost)");
 }
 
 void PruFirmware::reset()
@@ -192,6 +194,7 @@ void PruFirmware::acquire_until(ns_t now)
     while (acquiring_ && next_conv_ <= now) {
         double x = now > t0 ? p0 + (p1 - p0) * static_cast<double>(next_conv_ - t0) / static_cast<double>(now - t0) : p1;
         sum_ += static_cast<uint64_t>(probe_.raw(meas_, x, conv_index_++));
+        conversions_++;
         next_conv_ += conv_period_;
         if (++in_sample_ < per_sample)
             continue;

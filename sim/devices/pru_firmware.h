@@ -69,6 +69,7 @@ private:
     ns_t conv_period_ = 0;
     ns_t next_conv_ = 0;    /* time of the next conversion */
     uint64_t conv_index_ = 0;
+    uint64_t conversions_ = 0; /* computed, not passed over */
     uint32_t in_sample_ = 0; /* conversions summed for the current sample */
     uint64_t sum_ = 0;
     uint32_t skip_left_ = 0;

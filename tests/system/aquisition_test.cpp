@@ -16,7 +16,7 @@ using testing::HasSubstr;
 namespace {
 
 /* Channel on, sine at 20 kHz. */
-const char kMeasuring[] = "[meas]\npower = 1\n[sine]\ncontrol = 0\nfreq0 = 335544\n";
+const char kMeasuring[] = "[meas]\npower = 1\n[sine]\ncontrol = 0\nfreq0 = 335544\n[clock]\nmode = warp\n";
 
 size_t count_of(const std::string& text, const std::string& needle)
 {

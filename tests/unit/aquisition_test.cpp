@@ -29,7 +29,7 @@ namespace {
 /* Channel on, sine at 20 kHz, the probe travelling over the roughness
  * standard at 1 mm/s: samples swing by about 500 codes every 0.1 mm. */
 const char kMeasuring[] = "[meas]\npower = 1\n[sine]\ncontrol = 0\nfreq0 = 335544\n"
-                          "[motor]\npower = 1\ndac = 2972\n";
+                          "[motor]\npower = 1\ndac = 2972\n[clock]\nmode = warp\n";
 const uint32_t kZeroRaw = 39830;
 
 class Aquisition : public vt::SimTest {
@@ -188,6 +188,24 @@ TEST_F(Aquisition, StartWritesTheRequestAndIsRefusedWhileTheFirmwareRuns)
     EXPECT_EQ(1u, c->in_mode);
     EXPECT_EQ(0u, c->in_filter);
     EXPECT_EQ(0u, c->in_ovsdepth);
+    EXPECT_EQ(0, aquisition_stop(&info));
+    aquisition_shutdown(&info);
+}
+
+/* An hour of the idle monitor costs what the program can see of it: the
+ * last sample, not 360 million conversions. */
+TEST_F(Aquisition, AMonitorOverALongSpanComputesOnlyWhatCanBeSeen)
+{
+    init();
+    ASSERT_EQ(0, aquisition_start(&info, 1, 2000, 0, 65535, 1, 6, 0, 0));
+    sim::set("motor.power", "0");
+    usleep(1000);
+    uint64_t before = std::stoull(sim::get("pru.conversions"));
+    sleep(3600);
+    EXPECT_LT(std::stoull(sim::get("pru.conversions")) - before, 1000u);
+    EXPECT_EQ(1u, info.comm->out_count);
+    EXPECT_NEAR(kZeroRaw, info.comm->out_lastsample, 500); /* a sample of the surface, fresh */
+    EXPECT_EQ(info.comm->out_lastsample, info.p_samples[0]);
     EXPECT_EQ(0, aquisition_stop(&info));
     aquisition_shutdown(&info);
 }

@@ -9,9 +9,14 @@
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/select.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <sys/uio.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include "process.h"
 #include "simtest.h"
 #include "sysfs.h"
 #include "tempdir.h"
@@ -213,15 +218,177 @@ TEST_F(Board, RtcTimeIsReadAsText)
     EXPECT_EQ("ERROR: reading /sys/class/rtc/rtc1/time failed or incomplete (errno=5)\n", GetCapturedStderr());
 }
 
-TEST_F(Board, TheDriveMovesInRealTime)
+TEST_F(Board, TheDriveMovesInBoardTimeAndTheEndSwitchFollowsAtOnce)
 {
+    ASSERT_TRUE(sim::clock_mode("step"));
+    int fd = open(kValue, O_RDONLY | O_NONBLOCK);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(0, sysfs_write_string(kEdge, "both"));
+    sim::set("drive.position_mm", "0");
+    sim::advance();
+    reread(fd);
     sim::set("motor.power", "1");
     sim::set("motor.dac", std::to_string(2082 + 890)); /* 1 mm/s away from home */
-    sim::set("drive.position_mm", "0");
-    usleep(100000);
-    sim::advance();
-    double pos = std::stod(sim::get("drive.position_mm"));
-    EXPECT_GE(pos, 0.099);
+    sim::advance_clock(100 * 1000000);
+    EXPECT_EQ("0.1", sim::get("drive.position_mm"));
+    EXPECT_EQ(POLLPRI | POLLERR, pending(fd)); /* it left the switch */
+    reread(fd);
+    sim::set("motor.dac", "0"); /* full speed home */
+    sim::advance_clock(1000000000);
+    EXPECT_EQ("1", sim::get("drive.at_home"));
+    EXPECT_EQ(POLLPRI | POLLERR, pending(fd)); /* and arrived */
+    close(fd);
+}
+
+/* A program that waits on board descriptors with nothing due sleeps through
+ * on the host: one wake-up, for its own time-out. */
+TEST_F(Board, AWaitWithNothingDueWakesOnlyForItsTimeOut)
+{
+    int fd = open(kValue, O_RDONLY);
+    reread(fd);
+    uint64_t before = std::stoull(sim::get("board.wakeups"));
+    fd_set ex;
+    FD_ZERO(&ex);
+    FD_SET(fd, &ex);
+    struct timeval tv = {0, 50000};
+    EXPECT_EQ(0, select(fd + 1, nullptr, nullptr, &ex, &tv));
+    EXPECT_EQ(before + 1, std::stoull(sim::get("board.wakeups")));
+    close(fd);
+}
+
+TEST_F(Board, ChildProcessesStayOutOfTheBoard)
+{
+    std::string dir = sim::sandbox();
+    /* A forked child that exits runs the exit handlers of its copy of the
+     * board: they must leave the parent's board alone. */
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0)
+        exit(open(kValue, O_RDONLY) >= 0 ? 3 : 0); /* the host has no such file */
+    int status = 0;
+    ASSERT_EQ(pid, waitpid(pid, &status, 0));
+    EXPECT_EQ(0, WEXITSTATUS(status));
+    EXPECT_TRUE(vt::file_exists(dir + "/lock"));
+
+    /* An exec'd child with the board preloaded finds the board held by its
+     * parent and stays out of it, quietly. */
+    vt::ProcessOptions opts;
+    opts.env = {"VELASIM_DIR=" + dir, std::string("LD_PRELOAD=") + LIBVELASIM_PATH};
+    vt::ProcessResult r =
+        vt::run_process({"/bin/sh", "-c", "test -e /sys/class/gpio/vg_anf/value || echo outside"}, opts);
+    EXPECT_EQ("outside\n", r.out);
+    EXPECT_EQ("", r.err);
+    EXPECT_EQ(std::to_string(getpid()) + "\n", vt::read_file(dir + "/lock"));
+    int fd = open(kValue, O_RDONLY);
+    EXPECT_GE(fd, 0); /* and the board still works */
+    close(fd);
+}
+
+/* A board descriptor closed where the board cannot see it (fclose of an
+ * fdopen'ed stream closes inside the C library) must not make the next
+ * descriptor with that number a device. */
+TEST_F(Board, ADescriptorClosedBehindTheBoardsBackIsForgotten)
+{
+    int fd = open("/sys/class/gpio/motor_power/value", O_WRONLY);
+    ASSERT_GE(fd, 0);
+    fclose(fdopen(fd, "w"));
+    int sv[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, sv));
+    int same = sv[0] == fd ? sv[0] : sv[1] == fd ? sv[1] : -1;
+    ASSERT_NE(-1, same) << "the socket did not get the number back";
+    int other = same == sv[0] ? sv[1] : sv[0];
+    EXPECT_EQ(2, write(same, "1\n", 2));
+    char buf[4] = {};
+    EXPECT_EQ(2, read(other, buf, sizeof buf));
+    EXPECT_STREQ("1\n", buf);
+    EXPECT_TRUE(vt::entries("motor_power").empty());
+    EXPECT_EQ("0", sim::get("motor.power"));
+    close(sv[0]);
+    close(sv[1]);
+}
+
+TEST_F(Board, VectoredPositionedAndNonBlockingCallsReachTheDevice)
+{
+    /* pread from offset 0 clears a pending edge, as a read from 0 does. */
+    int fd = open(kValue, O_RDONLY);
+    char c[2];
+    EXPECT_EQ(POLLPRI | POLLERR, pending(fd));
+    EXPECT_EQ(2, pread(fd, c, sizeof c, 0));
+    EXPECT_EQ(0, pending(fd));
+    EXPECT_EQ(0, lseek(fd, 0, SEEK_CUR));
+    char a, b;
+    struct iovec iov[2] = {{&a, 1}, {&b, 1}};
+    EXPECT_EQ(2, readv(fd, iov, 2));
+    EXPECT_EQ('1', a);
+    EXPECT_EQ('\n', b);
+    close(fd);
+
+    /* writev is one store, as sysfs takes it. */
+    fd = open(kEdge, O_WRONLY);
+    struct iovec parts[2] = {{const_cast<char*>("ris"), 3}, {const_cast<char*>("ing\n"), 4}};
+    EXPECT_EQ(7, writev(fd, parts, 2));
+    EXPECT_EQ(-1, pwrite(fd, "x", 1, 0));
+    EXPECT_EQ(EINVAL, errno);
+    close(fd);
+    EXPECT_THAT(vt::entries("edge"),
+                ElementsAre(std::string(kEdge) + " write rising\\n", std::string(kEdge) + " write x -> EINVAL"));
+
+    /* O_NONBLOCK reaches the pty behind the opto port. */
+    fd = open("/dev/ttyO1", O_RDWR | O_NOCTTY);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(0, fcntl(fd, F_SETFL, O_NONBLOCK));
+    std::string info = vt::read_file("/proc/self/fdinfo/" + std::to_string(fd));
+    long flags = strtol(info.substr(info.find("flags:") + 6).c_str(), nullptr, 8);
+    EXPECT_TRUE(flags & O_NONBLOCK) << info;
+    close(fd);
+}
+
+/* The text of an attribute is made once, at the read from offset 0: a
+ * reader that takes it a byte at a time never mixes two readings. */
+TEST_F(Board, AnAttributeIsReadFromOneSnapshot)
+{
+    ASSERT_TRUE(sim::clock_mode("step"));
+    int fd = open("/sys/class/rtc/rtc1/time", O_RDONLY);
+    std::string first(5, '\0'), rest(4, '\0');
+    ASSERT_EQ(5, read(fd, first.data(), 5)); /* "hh:mm" */
+    sim::advance_clock(60LL * 1000000000);
+    ASSERT_EQ(4, read(fd, rest.data(), 4)); /* ":ss\n" of the same reading */
+    lseek(fd, 0, SEEK_SET);
+    std::string again(9, '\0');
+    ASSERT_EQ(9, read(fd, again.data(), 9));
+    EXPECT_NE(first + rest, again);
+    EXPECT_EQ(again.substr(6, 2), rest.substr(1, 2)); /* a minute later, the same second */
+    close(fd);
+}
+
+TEST_F(Board, ScenarioValuesAndFaultsMustMakeSense)
+{
+    EXPECT_THAT(sim::reset("[battery]\nvoltage = nan\n"), HasSubstr("bad value 'nan' for 'battery.voltage'"));
+    EXPECT_THAT(sim::reset("[drive]\ntravel_mm = -1\n"), HasSubstr("bad value '-1'"));
+    EXPECT_THAT(sim::reset("[motor]\ndac = 99999999999\n"), HasSubstr("bad value"));
+    EXPECT_THAT(sim::reset("[workpiece]\nprofile = 0:1 inf:2\n"), HasSubstr("bad value"));
+    EXPECT_EQ("", sim::reset());
+    EXPECT_THAT(sim::control("fault /dev/i2c-1@0x61 write EIO"), HasSubstr("error: no device '/dev/i2c-1@0x61'"));
+    EXPECT_THAT(sim::control("fault /dev/i2c-1@0x60 ioctl EIO"), HasSubstr("has no operation 'ioctl' (read, write)"));
+    EXPECT_THAT(sim::control("fault /sys/class/gpio/vg_anf/valu read EIO"), HasSubstr("error: no device"));
+    EXPECT_THAT(sim::control("fault /dev/rtc0 ioctl:RTC_BOGUS EIO"), HasSubstr("error: unknown ioctl"));
+    EXPECT_THAT(sim::control("absent /dev/i2c-7"), HasSubstr("error: '/dev/i2c-7' is no device"));
+    EXPECT_EQ("ok\n", sim::control("absent /sys/class/gpio/vg_anf"));
+    EXPECT_EQ("ok\n", sim::control("fault /dev/i2c-1@0x60 write EREMOTEIO always"));
+}
+
+/* Every path of the platform is the board's: a node, or absent, never the
+ * host's file. */
+TEST_F(Board, ThePlatformsPathsNeverReachTheHost)
+{
+    for (const char* p : {"/sys/devices/leds.4/leds/vela:green:run/trigger", "/sys/power/state",
+                          "/sys/class/backlight/tps65217-bl/brightness", "/dev/input/event1", "/dev/fb0",
+                          "/sys/devices/system/cpu/cpu0/cpufreq/scaling_max_freq", "/dev/mtd0"}) {
+        struct stat st;
+        int r = stat(p, &st);
+        EXPECT_TRUE(r == 0 || errno == ENOENT) << p;
+        EXPECT_TRUE(r != 0 || st.st_dev == makedev(0, 0x5e)) << p << " is the host's";
+    }
 }
 
 } // namespace

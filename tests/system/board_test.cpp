@@ -1,0 +1,155 @@
+/* The launcher and a running board, seen from outside: one program per board
+ * directory, the control face, suspend, and files that survive a kill. */
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <sstream>
+#include <unistd.h>
+
+#include "simrun.h"
+
+using testing::HasSubstr;
+
+namespace {
+
+/* velasim run --dir DIR [--clock MODE] -- ARGS... */
+std::vector<std::string> under_board(const std::string& dir, const std::vector<std::string>& args,
+                                     const std::string& clock = "")
+{
+    std::vector<std::string> argv = {VELASIM_PATH, "run", "--dir", dir};
+    if (!clock.empty())
+        argv.insert(argv.end(), {"--clock", clock});
+    argv.push_back("--");
+    argv.insert(argv.end(), args.begin(), args.end());
+    return argv;
+}
+
+vt::ProcessResult ctl(const std::string& dir, std::vector<std::string> command)
+{
+    command.insert(command.begin(), {VELASIM_PATH, "ctl", "--dir", dir});
+    return vt::run_process(command);
+}
+
+/* Waits (host time, with a deadline) until pred holds. */
+template <class Pred> bool eventually(Pred pred, int timeout_ms = 20000)
+{
+    long long deadline = vt::now_ms() + timeout_ms;
+    while (!pred()) {
+        if (vt::now_ms() > deadline)
+            return false;
+        usleep(5000);
+    }
+    return true;
+}
+
+size_t journal_count(const std::string& dir, const std::string& needle)
+{
+    std::string text = vt::read_file(dir + "/journal");
+    size_t n = 0;
+    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1))
+        n++;
+    return n;
+}
+
+TEST(Launcher, OneProgramPerBoardDirectory)
+{
+    vt::TempDir tmp;
+    std::string dir = tmp.file("board");
+    vt::ChildProcess first;
+    ASSERT_TRUE(first.start(under_board(dir, {"/bin/sleep", "30"})));
+    ASSERT_TRUE(eventually([&] { return vt::file_exists(dir + "/control.sock"); }));
+    vt::ProcessResult r = vt::run_process(under_board(dir, {VELATOOL_PATH, "-a"}));
+    EXPECT_EQ(2, r.status);
+    EXPECT_THAT(r.err, HasSubstr("velasim: the board in " + dir + " is in use by process " +
+                                 std::to_string(first.pid())));
+    first.signal(SIGTERM);
+    first.wait(10000);
+    EXPECT_EQ(0, vt::run_process(under_board(dir, {VELATOOL_PATH, "-a"})).status);
+}
+
+TEST(Launcher, CtlGivesUpOnABoardThatDoesNotAnswer)
+{
+    vt::TempDir tmp;
+    std::string dir = tmp.file("board");
+    vt::ChildProcess stopped;
+    ASSERT_TRUE(stopped.start(under_board(dir, {"/bin/sh", "-c", "kill -STOP $$"})));
+    ASSERT_TRUE(eventually([&] { return vt::file_exists(dir + "/control.sock"); }));
+    vt::ProcessResult r = vt::run_process({VELASIM_PATH, "ctl", "--dir", dir, "--timeout", "0.3", "state"});
+    EXPECT_EQ(2, r.status);
+    EXPECT_THAT(r.err, HasSubstr("did not answer within 300 ms"));
+    stopped.signal(SIGKILL);
+    stopped.wait(10000);
+}
+
+/* A suspended program sleeps until a wake-up source fires; in step mode its
+ * board time moves only by command, and the monotonic clock not at all. */
+TEST(Launcher, ASuspendEndsOnAWakeUpFromTheControlFace)
+{
+    vt::TempDir tmp;
+    std::string dir = tmp.file("board");
+    vt::ChildProcess sleeper;
+    ASSERT_TRUE(sleeper.start(
+        under_board(dir, {"/bin/sh", "-c", "echo mem > /sys/power/state && echo resumed"}, "step")));
+    ASSERT_TRUE(eventually([&] { return journal_count(dir, "power suspend") == 1; }));
+    EXPECT_EQ(0, ctl(dir, {"clock", "advance", "90s"}).status);
+    EXPECT_THAT(ctl(dir, {"clock"}).out, HasSubstr("\nsuspended = 90.000000\n"));
+    EXPECT_EQ(1, ctl(dir, {"wake", "button", "twice"}).status);
+    EXPECT_EQ(0, ctl(dir, {"wake", "button"}).status);
+    ASSERT_TRUE(sleeper.wait(20000));
+    EXPECT_EQ(0, sleeper.status());
+    EXPECT_EQ("resumed\n", sleeper.out());
+    EXPECT_EQ(1u, journal_count(dir, "power resume button"));
+    std::string state = vt::read_file(dir + "/state");
+    EXPECT_THAT(state, HasSubstr("suspended_ns = 90000000000\n"));
+}
+
+/* The backing files of the board are replaced whole: a program killed in
+ * the middle of a write to the RTC's RAM leaves the old bytes or the new. */
+TEST(Launcher, TheRtcRamSurvivesAKillInTheMiddleOfAWrite)
+{
+    vt::TempDir tmp;
+    std::string dir = tmp.file("board");
+    const std::string pattern = "ABCDEFGH";
+    std::string all;
+    for (int i = 0; i < 7; i++)
+        all += pattern;
+    std::string loop = "while :; do printf " + all + " > /sys/class/rtc/rtc1/device/nvram; done";
+    std::string nvram = dir + "/fs/sys/class/rtc/rtc1/device/nvram";
+    int torn = 0;
+    for (int round = 0; round < 40; round++) {
+        vt::ChildProcess writer;
+        ASSERT_TRUE(writer.start(under_board(dir, {"/bin/sh", "-c", loop})));
+        size_t writes = static_cast<size_t>(1 + round % 7);
+        ASSERT_TRUE(eventually([&] { return journal_count(dir, "nvram write") >= writes; }));
+        writer.signal(SIGKILL);
+        writer.wait(10000);
+        std::string data = vt::read_file(nvram);
+        torn += data != all && data != std::string(56, '\0');
+        vt::write_file(dir + "/journal", "");
+    }
+    EXPECT_EQ(0, torn);
+}
+
+/* A state saved "in the future" (a host whose clock went back) neither
+ * stops the board nor gives negative times. */
+TEST(Launcher, AStateFromTheFutureCarriesOn)
+{
+    vt::SimBoard board;
+    ASSERT_EQ(0, board.velatool({"-m", "1"}).status);
+    std::string state_file = board.dir() + "/board/state";
+    std::string state = vt::read_file(state_file);
+    size_t at = state.find("host_wall_ns = ");
+    ASSERT_NE(std::string::npos, at);
+    state.replace(at, state.find('\n', at) - at, "host_wall_ns = 9000000000000000000");
+    at = state.find("time_ns = ");
+    state.replace(at, state.find('\n', at) - at, "time_ns = 5000000000000");
+    vt::write_file(state_file, state);
+    ASSERT_EQ(0, board.velatool({"-m", "0"}).status);
+    std::string journal = vt::read_file(board.dir() + "/board/journal");
+    std::string last = journal.substr(journal.rfind('\n', journal.size() - 2) + 1);
+    EXPECT_GE(atof(last.c_str()), 5000.0) << last;
+}
+
+} // namespace

@@ -1,0 +1,332 @@
+/* The board's clock: its modes, the program's clocks, timer descriptors,
+ * waits in board time, suspend and the RTC alarm. */
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <fcntl.h>
+#include <linux/rtc.h>
+#include <sys/ioctl.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
+
+#include "clock.h"
+#include "simtest.h"
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+namespace {
+
+constexpr int64_t kMs = 1000000;
+constexpr int64_t kSec = 1000000000;
+
+int64_t read_clock(clockid_t id)
+{
+    struct timespec ts;
+    EXPECT_EQ(0, clock_gettime(id, &ts));
+    return int64_t{ts.tv_sec} * kSec + ts.tv_nsec;
+}
+
+int timer(int64_t first_ns, int64_t period_ns, int flags = 0, clockid_t id = CLOCK_MONOTONIC)
+{
+    int fd = timerfd_create(id, TFD_NONBLOCK | TFD_CLOEXEC);
+    EXPECT_GE(fd, 0);
+    struct itimerspec its = {{static_cast<time_t>(period_ns / kSec), static_cast<long>(period_ns % kSec)},
+                             {static_cast<time_t>(first_ns / kSec), static_cast<long>(first_ns % kSec)}};
+    EXPECT_EQ(0, timerfd_settime(fd, flags, &its, nullptr));
+    return fd;
+}
+
+/* Expirations read from a timer descriptor, 0 for EAGAIN. */
+uint64_t expirations(int fd)
+{
+    uint64_t n = 0;
+    ssize_t r = read(fd, &n, sizeof n);
+    return r == sizeof n ? n : 0;
+}
+
+class Clock : public vt::SimTest {};
+
+TEST_F(Clock, ModesDecideHowBoardTimePasses)
+{
+    /* step: only a command moves it, exactly. */
+    ASSERT_TRUE(sim::clock_mode("step"));
+    int64_t t0 = sim::board_ns();
+    usleep(0);
+    EXPECT_EQ(t0, sim::board_ns());
+    EXPECT_THAT(sim::control("clock advance 1.5s"), testing::EndsWith("\nok\n"));
+    EXPECT_EQ(t0 + 1500 * kMs, sim::board_ns());
+
+    /* warp: a sleep with nothing real to wait for takes no host time and
+     * exactly its own length of board time. */
+    ASSERT_TRUE(sim::clock_mode("warp"));
+    int64_t host0 = sim::host_monotonic_ns();
+    t0 = sim::board_ns();
+    EXPECT_EQ(0u, sleep(3600));
+    EXPECT_EQ(t0 + 3600 * kSec, sim::board_ns());
+    EXPECT_LT(sim::host_monotonic_ns() - host0, 5 * kSec);
+
+    /* scaled: K times the host's pace; real: the host's. */
+    ASSERT_TRUE(sim::clock_mode("scaled 1000"));
+    host0 = sim::host_monotonic_ns();
+    t0 = sim::board_ns();
+    usleep(2000000); /* 2 s of board time, 2 ms of the host's */
+    EXPECT_GE(sim::board_ns() - t0, 2 * kSec);
+    EXPECT_GE(sim::host_monotonic_ns() - host0, 2 * kMs);
+    ASSERT_TRUE(sim::clock_mode("real"));
+    t0 = sim::board_ns();
+    host0 = sim::host_monotonic_ns();
+    usleep(5000);
+    EXPECT_GE(sim::board_ns() - t0, 5 * kMs);
+    EXPECT_GE(sim::host_monotonic_ns() - host0, 5 * kMs);
+
+    EXPECT_FALSE(sim::clock_mode("scaled 0"));
+    EXPECT_FALSE(sim::clock_mode("scaled nan"));
+    EXPECT_THAT(sim::control("clock mode fast"), HasSubstr("error: bad clock mode"));
+    EXPECT_THAT(sim::control("clock advance -1s"), HasSubstr("error: bad duration"));
+    EXPECT_THAT(sim::control("clock"), HasSubstr("mode = real\nboard = "));
+}
+
+TEST_F(Clock, TheProgramsClocksDeriveFromBoardTime)
+{
+    ASSERT_EQ("", sim::reset("[clock]\nmode = step\nwall_at_boot = 2026-11-22T08:00:00Z\n"));
+    int64_t boot = sim::board_ns();
+    sim::advance_clock(90 * kSec);
+    EXPECT_EQ(boot + 90 * kSec, read_clock(CLOCK_BOOTTIME));
+    EXPECT_EQ(boot + 90 * kSec, read_clock(CLOCK_MONOTONIC));
+    EXPECT_EQ(read_clock(CLOCK_MONOTONIC), read_clock(CLOCK_MONOTONIC_RAW));
+    int64_t wall = read_clock(CLOCK_REALTIME);
+    EXPECT_EQ(1795334400LL * kSec + boot + 90 * kSec, wall);
+    struct timeval tv;
+    ASSERT_EQ(0, gettimeofday(&tv, nullptr));
+    EXPECT_EQ(wall / kSec, tv.tv_sec);
+    EXPECT_EQ(wall / kSec, time(nullptr));
+    /* The CPU-time clocks stay the host's. */
+    struct timespec cpu;
+    EXPECT_EQ(0, clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &cpu));
+}
+
+TEST_F(Clock, TimerDescriptorsFollowTheKernel)
+{
+    ASSERT_TRUE(sim::clock_mode("step"));
+    /* Periodic: ten expirations of 100 ms in one second, counted once. */
+    int periodic = timer(100 * kMs, 100 * kMs);
+    EXPECT_EQ(0u, expirations(periodic));
+    EXPECT_EQ(EAGAIN, errno);
+    sim::advance_clock(kSec);
+    EXPECT_EQ(10u, expirations(periodic));
+    EXPECT_EQ(0u, expirations(periodic));
+    uint32_t small;
+    EXPECT_EQ(-1, read(periodic, &small, sizeof small));
+    EXPECT_EQ(EINVAL, errno);
+    struct itimerspec left;
+    sim::advance_clock(30 * kMs);
+    ASSERT_EQ(0, timerfd_gettime(periodic, &left));
+    EXPECT_EQ(70 * kMs, left.it_value.tv_nsec);
+    EXPECT_EQ(100 * kMs, left.it_interval.tv_nsec);
+
+    /* One-shot, absolute: fires once at its time, then reads as disarmed. */
+    int64_t at = read_clock(CLOCK_MONOTONIC) + 2 * kSec;
+    int once = timer(at, 0, TFD_TIMER_ABSTIME);
+    sim::advance_clock(2 * kSec - 1);
+    EXPECT_EQ(0u, expirations(once));
+    sim::advance_clock(1);
+    EXPECT_EQ(1u, expirations(once));
+    sim::advance_clock(10 * kSec);
+    EXPECT_EQ(0u, expirations(once));
+    ASSERT_EQ(0, timerfd_gettime(once, &left));
+    EXPECT_EQ(0, left.it_value.tv_sec + left.it_value.tv_nsec);
+
+    /* A zero value disarms; a bad one is refused. */
+    struct itimerspec zero = {}, bad = {{0, 0}, {0, kSec}};
+    EXPECT_EQ(0, timerfd_settime(periodic, 0, &zero, nullptr));
+    sim::advance_clock(kSec);
+    EXPECT_EQ(0u, expirations(periodic));
+    EXPECT_EQ(-1, timerfd_settime(periodic, 0, &bad, nullptr));
+    EXPECT_EQ(EINVAL, errno);
+    EXPECT_EQ(-1, timerfd_create(CLOCK_PROCESS_CPUTIME_ID, 0));
+    EXPECT_EQ(EINVAL, errno);
+    close(periodic);
+    close(once);
+}
+
+TEST_F(Clock, SelectWakesForWhicheverComesFirst)
+{
+    ASSERT_TRUE(sim::clock_mode("warp"));
+    int sv[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, sv));
+    int t = timer(5 * kSec, 0);
+    auto wait = [&](fd_set* rd) {
+        FD_ZERO(rd);
+        FD_SET(sv[0], rd);
+        FD_SET(t, rd);
+        struct timeval tv = {60, 0};
+        return select(std::max(sv[0], t) + 1, rd, nullptr, nullptr, &tv);
+    };
+    fd_set rd;
+    int64_t t0 = sim::board_ns();
+    /* Nothing real is ready: board time jumps to the timer. */
+    ASSERT_EQ(1, wait(&rd));
+    EXPECT_TRUE(FD_ISSET(t, &rd));
+    EXPECT_FALSE(FD_ISSET(sv[0], &rd));
+    EXPECT_EQ(t0 + 5 * kSec, sim::board_ns());
+    EXPECT_EQ(1u, expirations(t));
+
+    /* The socket has data: it wins, and board time does not move. */
+    close(t);
+    t = timer(5 * kSec, 0);
+    ASSERT_EQ(1, write(sv[1], "x", 1));
+    t0 = sim::board_ns();
+    ASSERT_EQ(1, wait(&rd));
+    EXPECT_TRUE(FD_ISSET(sv[0], &rd));
+    EXPECT_EQ(t0, sim::board_ns());
+
+    /* Neither: the select's own time-out. */
+    char c;
+    ASSERT_EQ(1, read(sv[0], &c, 1));
+    struct itimerspec zero = {};
+    timerfd_settime(t, 0, &zero, nullptr);
+    ASSERT_EQ(0, wait(&rd));
+    EXPECT_EQ(t0 + 60 * kSec, sim::board_ns());
+    close(t);
+    close(sv[0]);
+    close(sv[1]);
+}
+
+/* The alarm is armed the way the program does it: the RTC's time, some
+ * seconds on, enabled. */
+void arm_alarm(int seconds)
+{
+    int rtc = open("/dev/rtc0", O_RDONLY | O_CLOEXEC);
+    ASSERT_GE(rtc, 0);
+    struct rtc_time now;
+    ASSERT_EQ(0, ioctl(rtc, RTC_RD_TIME, &now));
+    struct tm tm = {};
+    tm.tm_sec = now.tm_sec;
+    tm.tm_min = now.tm_min;
+    tm.tm_hour = now.tm_hour;
+    tm.tm_mday = now.tm_mday;
+    tm.tm_mon = now.tm_mon;
+    tm.tm_year = now.tm_year;
+    time_t t = timegm(&tm) + seconds;
+    gmtime_r(&t, &tm);
+    struct rtc_wkalrm alarm = {};
+    alarm.enabled = 1;
+    alarm.time.tm_sec = tm.tm_sec;
+    alarm.time.tm_min = tm.tm_min;
+    alarm.time.tm_hour = tm.tm_hour;
+    alarm.time.tm_mday = tm.tm_mday;
+    alarm.time.tm_mon = tm.tm_mon;
+    alarm.time.tm_year = tm.tm_year;
+    ASSERT_EQ(0, ioctl(rtc, RTC_WKALM_SET, &alarm));
+    close(rtc);
+}
+
+int64_t rtc_seconds()
+{
+    int rtc = open("/dev/rtc0", O_RDONLY);
+    struct rtc_time now = {};
+    EXPECT_EQ(0, ioctl(rtc, RTC_RD_TIME, &now));
+    close(rtc);
+    struct tm tm = {};
+    tm.tm_sec = now.tm_sec;
+    tm.tm_min = now.tm_min;
+    tm.tm_hour = now.tm_hour;
+    tm.tm_mday = now.tm_mday;
+    tm.tm_mon = now.tm_mon;
+    tm.tm_year = now.tm_year;
+    return timegm(&tm);
+}
+
+TEST_F(Clock, SuspendStopsTheMonotonicClockUntilTheAlarm)
+{
+    ASSERT_EQ("", sim::reset("[clock]\nmode = warp\n[rtc]\noffset_s = -3600\n"));
+    int64_t mono = read_clock(CLOCK_MONOTONIC), wall = read_clock(CLOCK_REALTIME), rtc = rtc_seconds();
+    EXPECT_NEAR(wall / kSec - 3600, rtc, 1);
+    arm_alarm(30);
+    int fd = open("/sys/power/state", O_WRONLY);
+    ASSERT_GE(fd, 0);
+    sim::journal_clear();
+    ASSERT_EQ(3, write(fd, "mem", 3)); /* returns after the resume */
+    EXPECT_EQ(mono, read_clock(CLOCK_MONOTONIC));
+    EXPECT_NEAR(30, (read_clock(CLOCK_REALTIME) - wall) / kSec, 1);
+    EXPECT_NEAR(30, rtc_seconds() - rtc, 1);
+    EXPECT_NEAR(30, std::stod(sim::get("clock.suspended_s")), 1);
+    std::vector<std::string> j = sim::journal_entries();
+    ASSERT_EQ(4u, j.size());
+    EXPECT_EQ("/sys/power/state write mem", j[0]);
+    EXPECT_EQ("power suspend", j[1]);
+    EXPECT_THAT(j[2], HasSubstr("/dev/rtc0 alarm "));
+    EXPECT_EQ("power resume rtc", j[3]);
+    EXPECT_THAT(sim::get("rtc.alarm"), HasSubstr("disabled pending"));
+
+    /* Anything but "mem" is refused; the kernel's list reads back. */
+    EXPECT_EQ(-1, write(fd, "disk", 4));
+    EXPECT_EQ(EINVAL, errno);
+    close(fd);
+    fd = open("/sys/power/state", O_RDONLY);
+    char buf[32] = {};
+    EXPECT_EQ(11, read(fd, buf, sizeof buf));
+    EXPECT_STREQ("freeze mem\n", buf);
+    close(fd);
+}
+
+TEST_F(Clock, RtcIoctlsRefuseWhatTheKernelRefuses)
+{
+    int rtc = open("/dev/rtc0", O_RDONLY);
+    ASSERT_GE(rtc, 0);
+    struct rtc_wkalrm alarm = {};
+    alarm.time.tm_mday = 31;
+    alarm.time.tm_mon = 1; /* 31 February */
+    alarm.time.tm_year = 126;
+    EXPECT_EQ(-1, ioctl(rtc, RTC_WKALM_SET, &alarm));
+    EXPECT_EQ(EINVAL, errno);
+    struct rtc_time t = {0, 0, 12, 1, 0, 126, 0, 0, 0};
+    ASSERT_EQ(0, ioctl(rtc, RTC_SET_TIME, &t));
+    EXPECT_NEAR(1767268800, rtc_seconds(), 1); /* 2026-01-01 12:00 */
+    alarm.enabled = 0;
+    alarm.time = t;
+    alarm.time.tm_min = 5;
+    ASSERT_EQ(0, ioctl(rtc, RTC_WKALM_SET, &alarm));
+    ASSERT_EQ(0, ioctl(rtc, RTC_AIE_ON, 0));
+    struct rtc_wkalrm back = {};
+    ASSERT_EQ(0, ioctl(rtc, RTC_WKALM_RD, &back));
+    EXPECT_EQ(1, back.enabled);
+    EXPECT_EQ(5, back.time.tm_min);
+    ASSERT_EQ(0, ioctl(rtc, RTC_AIE_OFF, 0));
+    EXPECT_EQ("2026-01-01 12:05:00 disabled", sim::get("rtc.alarm"));
+
+    /* A fault for one request only. */
+    EXPECT_EQ("ok\n", sim::control("fault /dev/rtc0 ioctl:RTC_WKALM_SET EIO"));
+    EXPECT_EQ(0, ioctl(rtc, RTC_RD_TIME, &t));
+    EXPECT_EQ(-1, ioctl(rtc, RTC_WKALM_SET, &alarm));
+    EXPECT_EQ(EIO, errno);
+    EXPECT_EQ(0, ioctl(rtc, RTC_WKALM_SET, &alarm));
+    close(rtc);
+    EXPECT_THAT(sim::journal_entries(),
+                ElementsAre("/dev/rtc0 RTC_WKALM_SET 2026-02-31 00:00:00 -> EINVAL",
+                            "/dev/rtc0 RTC_SET_TIME 2026-01-01 12:00:00", "/dev/rtc0 RTC_WKALM_SET 2026-01-01 12:05:00 disabled",
+                            "/dev/rtc0 RTC_AIE_ON", "/dev/rtc0 RTC_AIE_OFF",
+                            "/dev/rtc0 RTC_WKALM_SET 2026-01-01 12:05:00 disabled"));
+}
+
+TEST_F(Clock, ASavedTimeAheadOfTheHostNeverRunsBackwards)
+{
+    sim::Clock c;
+    ASSERT_EQ("", c.set_mode("step"));
+    /* Saved an hour "in the future" by the host's wall clock (a host whose
+     * clock was set back, or a board directory from another machine). */
+    c.restore(100 * kSec, 7 * kSec, sim::host_realtime_ns() + 3600 * kSec);
+    EXPECT_GE(c.now(), 100 * kSec);
+    EXPECT_LT(c.now(), 101 * kSec);
+    EXPECT_EQ(c.now() - 7 * kSec, c.monotonic());
+    ASSERT_EQ("", c.set_mode("real"));
+    c.restore(100 * kSec, 0, sim::host_realtime_ns() - 5 * kSec); /* saved 5 s ago: it went on */
+    EXPECT_GE(c.now(), 105 * kSec);
+}
+
+} // namespace
