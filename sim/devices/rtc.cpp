@@ -99,15 +99,24 @@ bool valid_rtc_time(const struct rtc_time& tm)
     return tm.tm_mday <= kDays[tm.tm_mon] + (tm.tm_mon == 1 && leap ? 1 : 0);
 }
 
+/* struct rtc_time has struct tm's calendar fields. */
+template <class To, class From> To calendar(const From& from)
+{
+    To to = {};
+    to.tm_sec = from.tm_sec;
+    to.tm_min = from.tm_min;
+    to.tm_hour = from.tm_hour;
+    to.tm_mday = from.tm_mday;
+    to.tm_mon = from.tm_mon;
+    to.tm_year = from.tm_year;
+    to.tm_wday = from.tm_wday;
+    to.tm_yday = from.tm_yday;
+    return to;
+}
+
 int64_t rtc_seconds(const struct rtc_time& rt)
 {
-    struct tm tm = {};
-    tm.tm_sec = rt.tm_sec;
-    tm.tm_min = rt.tm_min;
-    tm.tm_hour = rt.tm_hour;
-    tm.tm_mday = rt.tm_mday;
-    tm.tm_mon = rt.tm_mon;
-    tm.tm_year = rt.tm_year;
+    struct tm tm = calendar<struct tm>(rt);
     return timegm(&tm);
 }
 
@@ -116,16 +125,7 @@ struct rtc_time rtc_fields(int64_t seconds)
     time_t t = static_cast<time_t>(seconds);
     struct tm tm;
     gmtime_r(&t, &tm);
-    struct rtc_time rt = {};
-    rt.tm_sec = tm.tm_sec;
-    rt.tm_min = tm.tm_min;
-    rt.tm_hour = tm.tm_hour;
-    rt.tm_mday = tm.tm_mday;
-    rt.tm_mon = tm.tm_mon;
-    rt.tm_year = tm.tm_year;
-    rt.tm_wday = tm.tm_wday;
-    rt.tm_yday = tm.tm_yday;
-    return rt;
+    return calendar<struct rtc_time>(tm);
 }
 
 std::string rtc_text(const struct rtc_time& rt)

@@ -197,33 +197,17 @@ TEST_F(Clock, SelectWakesForWhicheverComesFirst)
     close(sv[1]);
 }
 
-/* The alarm is armed the way the program does it: the RTC's time, some
- * seconds on, enabled. */
-void arm_alarm(int seconds)
+/* The calendar fields that struct rtc_time shares with struct tm. */
+template <class To, class From> To calendar(const From& from)
 {
-    int rtc = open("/dev/rtc0", O_RDONLY | O_CLOEXEC);
-    ASSERT_GE(rtc, 0);
-    struct rtc_time now;
-    ASSERT_EQ(0, ioctl(rtc, RTC_RD_TIME, &now));
-    struct tm tm = {};
-    tm.tm_sec = now.tm_sec;
-    tm.tm_min = now.tm_min;
-    tm.tm_hour = now.tm_hour;
-    tm.tm_mday = now.tm_mday;
-    tm.tm_mon = now.tm_mon;
-    tm.tm_year = now.tm_year;
-    time_t t = timegm(&tm) + seconds;
-    gmtime_r(&t, &tm);
-    struct rtc_wkalrm alarm = {};
-    alarm.enabled = 1;
-    alarm.time.tm_sec = tm.tm_sec;
-    alarm.time.tm_min = tm.tm_min;
-    alarm.time.tm_hour = tm.tm_hour;
-    alarm.time.tm_mday = tm.tm_mday;
-    alarm.time.tm_mon = tm.tm_mon;
-    alarm.time.tm_year = tm.tm_year;
-    ASSERT_EQ(0, ioctl(rtc, RTC_WKALM_SET, &alarm));
-    close(rtc);
+    To to = {};
+    to.tm_sec = from.tm_sec;
+    to.tm_min = from.tm_min;
+    to.tm_hour = from.tm_hour;
+    to.tm_mday = from.tm_mday;
+    to.tm_mon = from.tm_mon;
+    to.tm_year = from.tm_year;
+    return to;
 }
 
 int64_t rtc_seconds()
@@ -232,14 +216,23 @@ int64_t rtc_seconds()
     struct rtc_time now = {};
     EXPECT_EQ(0, ioctl(rtc, RTC_RD_TIME, &now));
     close(rtc);
-    struct tm tm = {};
-    tm.tm_sec = now.tm_sec;
-    tm.tm_min = now.tm_min;
-    tm.tm_hour = now.tm_hour;
-    tm.tm_mday = now.tm_mday;
-    tm.tm_mon = now.tm_mon;
-    tm.tm_year = now.tm_year;
+    struct tm tm = calendar<struct tm>(now);
     return timegm(&tm);
+}
+
+/* The alarm is armed the way the program does it: the RTC's time, some
+ * seconds on, enabled. */
+void arm_alarm(int seconds)
+{
+    time_t t = static_cast<time_t>(rtc_seconds() + seconds);
+    struct tm tm;
+    gmtime_r(&t, &tm);
+    struct rtc_wkalrm alarm = {};
+    alarm.enabled = 1;
+    alarm.time = calendar<struct rtc_time>(tm);
+    int rtc = open("/dev/rtc0", O_RDONLY | O_CLOEXEC);
+    ASSERT_EQ(0, ioctl(rtc, RTC_WKALM_SET, &alarm));
+    close(rtc);
 }
 
 TEST_F(Clock, SuspendStopsTheMonotonicClockUntilTheAlarm)

@@ -16,6 +16,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "board.h"
+#include "gpio.h"
 #include "process.h"
 #include "simtest.h"
 #include "sysfs.h"
@@ -240,6 +242,24 @@ TEST_F(Board, TheDriveMovesInBoardTimeAndTheEndSwitchFollowsAtOnce)
     close(fd);
 }
 
+/* A model reports each change of a line as it happens: a pulse that is over
+ * before the program looks again still leaves its edge. */
+TEST_F(Board, APulseBetweenTwoLooksIsSeen)
+{
+    static sim::GpioLine* line = sim::GpioLine::input(sim::Board::get(), "pulse_test");
+    const std::string value = "/sys/class/gpio/pulse_test/value";
+    ASSERT_EQ(0, sysfs_write_string("/sys/class/gpio/pulse_test/edge", "rising"));
+    int fd = open(value.c_str(), O_RDONLY);
+    reread(fd);
+    line->drive(1);
+    line->drive(0);
+    EXPECT_EQ(POLLPRI | POLLERR, pending(fd));
+    reread(fd);
+    line->drive(0); /* no change, no edge */
+    EXPECT_EQ(0, pending(fd));
+    close(fd);
+}
+
 /* A program that waits on board descriptors with nothing due sleeps through
  * on the host: one wake-up, for its own time-out. */
 TEST_F(Board, AWaitWithNothingDueWakesOnlyForItsTimeOut)
@@ -273,7 +293,7 @@ TEST_F(Board, ChildProcessesStayOutOfTheBoard)
     /* An exec'd child with the board preloaded finds the board held by its
      * parent and stays out of it, quietly. */
     vt::ProcessOptions opts;
-    opts.env = {"VELASIM_DIR=" + dir, std::string("LD_PRELOAD=") + LIBVELASIM_PATH};
+    opts.env = {"VELASIM_DIR=" + dir, std::string("LD_PRELOAD=") + VELASIM_PRELOAD};
     vt::ProcessResult r =
         vt::run_process({"/bin/sh", "-c", "test -e /sys/class/gpio/vg_anf/value || echo outside"}, opts);
     EXPECT_EQ("outside\n", r.out);
