@@ -222,6 +222,10 @@ public:
     static bool is_board_fd(int fd);
     /* The descriptors open on the node at path, lowest first. */
     std::vector<int> descriptors(const std::string& path);
+    /* Memory a node mapped for the program, to route munmap; a reset
+     * forgets them. */
+    void add_mapping(void* addr, Node* node);
+    Node* take_mapping(void* addr);
 
     /* Models and parameters */
     Params& params() { return params_; }
@@ -299,6 +303,7 @@ private:
     std::map<std::string, Node*> nodes_;
     std::vector<std::string> absent_;
     std::map<int, std::shared_ptr<OpenFile>> files_;
+    std::map<void*, Node*> maps_;
     std::vector<Model*> models_;
     std::vector<std::unique_ptr<Model>> model_store_;
     std::map<std::type_index, Model*> devices_;

@@ -133,4 +133,21 @@ std::vector<int> Board::descriptors(const std::string& path)
     return fds;
 }
 
+void Board::add_mapping(void* addr, Node* node)
+{
+    std::lock_guard<std::recursive_mutex> lock(mu_);
+    maps_[addr] = node;
+}
+
+Node* Board::take_mapping(void* addr)
+{
+    std::lock_guard<std::recursive_mutex> lock(mu_);
+    auto it = maps_.find(addr);
+    if (it == maps_.end())
+        return nullptr;
+    Node* node = it->second;
+    maps_.erase(it);
+    return node;
+}
+
 } // namespace sim

@@ -103,6 +103,7 @@ std::string Board::reset(const std::string& scenario)
     std::lock_guard<std::recursive_mutex> lock(mu_);
     faults_.clear();
     absent_.clear();
+    maps_.clear();
     scenario_ = scenario;
     write_whole_file(dir_ + "/scenario", scenario_);
     std::error_code ec;

@@ -48,9 +48,6 @@ void release_if_last(std::shared_ptr<OpenFile> of)
 
 namespace {
 
-/* Mappings handed out by devices, to route munmap. */
-std::map<uintptr_t, std::pair<size_t, Node*>> g_maps;
-
 /* A read as the device answers it; a blocking descriptor waits until the
  * device has something. */
 int64_t read_node(FdCall& c, int fd, void* buf, size_t n)
@@ -316,7 +313,7 @@ int sim_mmap(void** r, void* addr, size_t len, int prot, int flags, int fd, off6
         c.err.fail(err);
         return 1;
     }
-    g_maps[reinterpret_cast<uintptr_t>(p)] = {len, c.of->node};
+    c.board->add_mapping(p, c.of->node);
     *r = p;
     return 1;
 }
@@ -329,11 +326,9 @@ int sim_munmap(int* r, void* addr, size_t len)
     ErrnoKeeper e;
     Board& b = Board::get();
     std::lock_guard<std::recursive_mutex> lock(b.mutex());
-    auto it = g_maps.find(reinterpret_cast<uintptr_t>(addr));
-    if (it == g_maps.end())
+    Node* node = b.take_mapping(addr);
+    if (node == nullptr)
         return 0;
-    Node* node = it->second.second;
-    g_maps.erase(it);
     return board_result(r, e, node->munmap(addr, len));
 }
 
