@@ -173,6 +173,10 @@ bool Board::start()
 
     build();
     read_whole_file(dir_ + "/scenario", &scenario_);
+    /* A board inside a test process starts at the host's time: the
+     * process's clocks were the host's until now and must not jump back. */
+    if (!launched_)
+        clock().advance_to(host_monotonic_ns());
     clock().reset();
     for (Model* m : models_)
         m->reset();

@@ -187,12 +187,6 @@ std::string Board::control(const std::string& line)
         Fault f;
         f.device = w[1];
         f.op = w[2];
-        if (f.op.compare(0, 6, "ioctl:") == 0) {
-            f.request = ioctl_from_name(f.op.substr(6));
-            if (f.request == 0)
-                return error("unknown ioctl '" + f.op.substr(6) + "'");
-            f.op = "ioctl";
-        }
         if (w[3] == "short") {
             f.is_short = true;
         } else {

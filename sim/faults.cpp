@@ -25,9 +25,17 @@ void Board::add_fault_target(const std::string& device, const std::vector<std::s
     fault_targets_[device] = ops;
 }
 
-std::string Board::add_fault(const Fault& f)
+/* OP "ioctl:NAME" fails one request only. */
+std::string Board::add_fault(const Fault& fault)
 {
     std::lock_guard<std::recursive_mutex> lock(mu_);
+    Fault f = fault;
+    if (f.op.compare(0, 6, "ioctl:") == 0) {
+        f.request = ioctl_from_name(f.op.substr(6));
+        if (f.request == 0)
+            return "unknown ioctl '" + f.op.substr(6) + "'";
+        f.op = "ioctl";
+    }
     auto target = fault_targets_.find(f.device);
     const std::vector<std::string>* ops = nullptr;
     if (target != fault_targets_.end())

@@ -1,7 +1,10 @@
 #include "util.h"
 
+#include <ctype.h>
+#include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -9,6 +12,8 @@
 #include "fileops.h"
 #include "mtrace.h"
 #include "remote.h"
+#include "sysfs.h"
+#include "velatool.h"
 
 static const char company[] = "Orvik";
 static const char product[] = "vela";
@@ -203,4 +208,216 @@ int sync_inipath(void)
     close(fd);
     MTRACE(3, "sync_inipath(): success");
     return 0;
+}
+
+/* ---- Device identity ---- */
+
+static const char mtd_table[] = "/proc/mtd";
+static const char env_cache[] = "/tmp/environment.txt";
+static const char env_command[] = "/usr/sbin/fw_printenv > /tmp/environment.txt";
+static const char bsp_release[] = "/etc/bsp-release";
+static const char dt_model[] = "/proc/device-tree/model";
+
+static const struct {
+    const char* name;
+    int type;
+} machines[] = {
+    {"VELAL", MACHINE_VELAL}, {"VELAN", MACHINE_VELAN}, {"VELA", MACHINE_VELA},
+    {"TALA", MACHINE_TALA},   {"LUMA", MACHINE_LUMA},   {"NOVA", MACHINE_NOVA},
+};
+
+/* The first line containing mtdname wins, the header included: a partition
+ * whose name merely contains it, listed earlier, is taken. Kept so. */
+int util_mtd_lookup_device(const char* mtdname, char* dev)
+{
+    if (mtdname == NULL || dev == NULL)
+        return -EINVAL;
+    FILE* f = fopen(mtd_table, "r");
+    if (f == NULL)
+        return -1;
+    char line[256];
+    int ret = -1;
+    while (fgets(line, sizeof line, f) != NULL) {
+        if (strstr(line, mtdname) == NULL)
+            continue;
+        char* colon = strchr(line, ':');
+        if (colon != NULL) {
+            *colon = '\0';
+            strcpy(dev, line);
+            ret = 0;
+        }
+        break;
+    }
+    fclose(f);
+    return ret;
+}
+
+/* The variable's name is compared as a prefix: "serial" finds "serial#".
+ * The value loses its last character whatever it is (normally the line
+ * feed), and is copied as strncpy copies. Kept so. */
+int util_env_lookup_var(const char* name, char* value, int maxlen)
+{
+    if (name == NULL || value == NULL || maxlen < 2)
+        return -EINVAL;
+    if (access(env_cache, F_OK) != 0) {
+        if (options.verbose)
+            printf("util_env_lookup_var(): %s does not exist\n", env_cache);
+        int status = system(env_command);
+        if (status != 0) {
+            if (options.verbose)
+                printf("util_env_lookup_var(): (re)creation failed (%d)\n", status);
+            return -EACCES;
+        }
+    }
+    FILE* f = fopen(env_cache, "r");
+    if (f == NULL)
+        return -errno;
+    if (options.verbose)
+        printf("util_env_lookup_var(): looking for \"%s\"\n", name);
+    char line[1024];
+    int ret = -1;
+    while (fgets(line, sizeof line, f) != NULL) {
+        if (strncmp(line, name, strlen(name)) != 0)
+            continue;
+        char* eq = strchr(line, '=');
+        if (eq != NULL) {
+            char* text = eq + 1;
+            size_t len = strlen(text);
+            if (len > 0)
+                text[len - 1] = '\0';
+            strncpy(value, text, (size_t)maxlen);
+            if (options.verbose)
+                printf("util_env_lookup_var(): %s=\"%s\"\n", name, text);
+            ret = 0;
+        }
+        break;
+    }
+    fclose(f);
+    return ret;
+}
+
+/* The straps are active low: one that reads '0' sets its bit. */
+int vela_get_hardware_version(char* ver, int maxlen)
+{
+    if (options.verbose)
+        puts("vela_get_hardware_version()");
+    if (ver == NULL || maxlen < 4)
+        return -EINVAL;
+    memset(ver, 0, (size_t)maxlen); /* the empty text, and a terminator after a value that fills the rest */
+    int value = 0;
+    for (int bit = 0; bit < 4; bit++) {
+        char path[64], level[8];
+        snprintf(path, sizeof path, "/sys/class/gpio/hwid%d/value", bit);
+        if (sysfs_read_string(path, level, sizeof level) != 0)
+            return 0;
+        if (level[0] == '0')
+            value |= 1 << bit;
+    }
+    snprintf(ver, (size_t)maxlen, "%c.", 'A' + value);
+    size_t len = strlen(ver);
+    int extra = util_env_lookup_var("hwrev_extra", ver + len, maxlen - (int)len - 1);
+    if (options.verbose)
+        printf("extra: %d\n", extra);
+    if (extra != 0) {
+        if (options.verbose)
+            puts("vela_get_hardware_version(): hwrev_extra not set");
+        ver[len - 1] = '\0';
+    }
+    return (int)strlen(ver);
+}
+
+int vela_get_serialno(char* sn)
+{
+    if (options.verbose)
+        puts("vela_get_serialno()");
+    char buf[32] = {0};
+    if (util_env_lookup_var("serial#", buf, sizeof buf) != 0) {
+        if (options.verbose)
+            puts("vela_get_serialno(): cannot lookup serial#");
+        return 0;
+    }
+    buf[sizeof buf - 1] = '\0';
+    strcpy(sn, buf);
+    return (int)strlen(sn);
+}
+
+/* The version is the second word of the image-name field (32 bytes at
+ * offset 32) of the boot loader image's header. */
+int vela_get_bootloader_version(char* ver)
+{
+    if (options.verbose)
+        puts("vela_get_bootloader_version()");
+    char path[64] = "/dev/";
+    if (util_mtd_lookup_device("NAND.u-boot", path + strlen(path)) != 0) {
+        if (options.verbose)
+            puts("vela_get_bootloader_version(): cannot lookup mtd device");
+        return 0;
+    }
+    if (options.verbose)
+        printf("vela_get_bootloader_version(): mtddev=\"%s\"\n", path);
+    char s[33];
+    int len = 32;
+    if (sysfs_read_blob(path, s, 32, &len) != 0 || len < 32) {
+        if (options.verbose)
+            puts("vela_get_bootloader_version(): failed reading from bootloader image");
+        return 0;
+    }
+    s[32] = '\0';
+    if (options.verbose)
+        printf("vela_get_bootloader_version(): s=\"%s\"\n", s);
+    char* start = strchr(s, ' ');
+    if (start == NULL) {
+        if (options.verbose)
+            puts("vela_get_bootloader_version(): unexpected version format");
+        return 0;
+    }
+    start++;
+    char* end = strchr(start, ' ');
+    if (end != NULL)
+        *end = '\0';
+    if (options.verbose)
+        printf("vela_get_bootloader_version(): version=\"%s\"\n", start);
+    strcpy(ver, start);
+    return (int)strlen(ver);
+}
+
+int vela_get_bsp_version(char* ver)
+{
+    if (options.verbose)
+        puts("vela_get_bsp_version()");
+    FILE* f = fopen(bsp_release, "r");
+    if (f == NULL)
+        return 0;
+    char line[256];
+    char* got = fgets(line, sizeof line, f);
+    fclose(f);
+    if (got == NULL)
+        return 0;
+    char* p = line;
+    while (isprint((unsigned char)*p))
+        p++;
+    *p = '\0';
+    const char* text = line[0] == 'v' ? line + 1 : line;
+    strcpy(ver, text);
+    return (int)strlen(ver);
+}
+
+int vela_get_devicetree_model(char* model, int maxlen)
+{
+    MTRACE(5, "vela_get_devicetree_model");
+    FILE* f = fopen(dt_model, "r");
+    if (f == NULL)
+        return -1;
+    char* got = fgets(model, maxlen, f);
+    fclose(f);
+    return got != NULL ? 0 : -1;
+}
+
+int util_machine2type(const char* machine)
+{
+    for (const auto& m : machines) {
+        if (strcmp(machine, m.name) == 0)
+            return m.type;
+    }
+    return -1;
 }

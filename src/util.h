@@ -1,4 +1,6 @@
-/* Configuration file velatool.ini and the product's application-data folder. */
+/* Configuration file velatool.ini and the product's application-data
+ * folder; the device's identity (hardware revision, serial number, boot
+ * loader and BSP versions, device-tree model). */
 #ifndef VELA_UTIL_H
 #define VELA_UTIL_H
 
@@ -25,5 +27,30 @@ int util_ini_read(void);
 
 /* Flushes the product folder's directory entries to storage. */
 int sync_inipath(void);
+
+/* Machine types: single bits, so that a mask can name several. */
+enum {
+    MACHINE_VELAL = 1,
+    MACHINE_VELAN = 2,
+    MACHINE_VELA = 4,
+    MACHINE_TALA = 8,
+    MACHINE_LUMA = 16,
+    MACHINE_NOVA = 32,
+};
+
+/* The MTD device ("mtd4") of the first partition whose /proc/mtd line
+ * contains mtdname anywhere. */
+int util_mtd_lookup_device(const char* mtdname, char* dev);
+/* A variable of the boot loader's environment, through the cache file
+ * /tmp/environment.txt (made once by fw_printenv). */
+int util_env_lookup_var(const char* name, char* value, int maxlen);
+/* "B" or "B.2" from the four ID straps and hwrev_extra; the length. */
+int vela_get_hardware_version(char* ver, int maxlen);
+int vela_get_serialno(char* sn);
+int vela_get_bootloader_version(char* ver);
+int vela_get_bsp_version(char* ver);
+int vela_get_devicetree_model(char* model, int maxlen);
+/* The type bit of a model string, or -1. */
+int util_machine2type(const char* machine);
 
 #endif

@@ -11,6 +11,7 @@
 #include "measurement.h"
 #include "motorctrl.h"
 #include "mtrace.h"
+#include "power.h"
 
 struct options_s options;
 
@@ -193,6 +194,41 @@ static int action_cpower(void)
     return vela_meas_power_ctrl(value);
 }
 
+static int action_upower(void)
+{
+    int value = atoi(options.arg[0]);
+    print_power("USB host port power", value);
+    return vela_usbhost_power_ctrl(value);
+}
+
+static int action_backlight(void)
+{
+    uint8_t brightness = (uint8_t)strtoul(options.arg[0], NULL, 0);
+    printf("Setting backlight brightness to %d\n", brightness);
+    return vela_backlight_set(brightness);
+}
+
+/* With a time, the RTC alarm is armed first; an alarm that cannot be armed
+ * means no suspend, since nothing would wake the device. */
+static int action_suspend(void)
+{
+    if (options.arg[0] != NULL) {
+        int seconds = (int)strtoul(options.arg[0], NULL, 0);
+        printf("Resuming in %d seconds ...\n", seconds);
+        int ret = vela_rtc_alarm((uint32_t)seconds);
+        if (ret != 0)
+            return ret;
+    }
+    puts("Suspending ...");
+    return vela_suspend();
+}
+
+static int action_detect(void)
+{
+    puts("Detect USB charger");
+    return do_chargerdetect();
+}
+
 static int action_poti(void)
 {
     uint16_t value = (uint16_t)strtoul(options.arg[0], NULL, 0);
@@ -272,12 +308,16 @@ struct action_s {
 static const struct action_s actions[] = {
     {'V', action_voltages},
     {'A', action_aquisition},
+    {'D', action_detect},
+    {'S', action_suspend},
     {'a', action_vganf},
+    {'b', action_backlight},
     {'c', action_cpower},
     {'d', action_dac},
     {'m', action_mpower},
     {'p', action_poti},
     {'s', action_sine},
+    {'u', action_upower},
     {0, NULL},
 };
 

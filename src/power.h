@@ -1,0 +1,58 @@
+/* Power management: the platform's power controls (USB host port, backlight,
+ * RTC wake-up alarm, suspend, CPU frequency, run LED) and the bq24160
+ * battery charger on /dev/i2c-0. */
+#ifndef VELA_POWER_H
+#define VELA_POWER_H
+
+#include <stdint.h>
+
+/* Battery state codes */
+enum {
+    BATT_STATE_UNKNOWN = 0,
+    BATT_STATE_CHARGING_USB = 1, /* slow USB charging */
+    BATT_STATE_CHARGING = 2,
+    BATT_STATE_DONE = 3,
+    BATT_STATE_ON_BATTERY = 4,
+    BATT_STATE_FAULT = 5,
+};
+
+/* Battery level codes */
+enum {
+    BATT_LEVEL_UNKNOWN = 0,
+    BATT_LEVEL_LOW = 1,
+    BATT_LEVEL_CRITICAL = 2,
+    BATT_LEVEL_GOOD = 3,
+};
+
+struct charger_state_s {
+    uint8_t regs[8]; /* last image of charger registers 0..7 */
+    int fd;          /* charger-interrupt GPIO value file, -1 when closed */
+    int state;       /* battery state code */
+    int level;       /* battery level code */
+    int usbpwrok;    /* 1 while USB input power is present */
+};
+
+extern struct charger_state_s chgstate;
+extern const char* const bq24160_stat[8];
+extern const char* const bq24160_fault[8];
+
+/* Platform controls */
+int vela_usbhost_power_ctrl(int onoff);
+int vela_backlight_set(uint8_t brightness);
+int vela_backlight_get(uint8_t* brightness);
+int vela_rtc_alarm(uint32_t seconds);
+int vela_suspend(void);
+int vela_cpufreq_set(int high);
+int vela_led_set(int mode);
+
+/* The charger */
+int charger_read(uint8_t* regs, int offset, int count);
+int charger_write(int offset, uint8_t val);
+int vela_power_init(void);
+int vela_power_close(void);
+int vela_batt_state_get(int* state, int* level);
+int vela_charger_detect(void);
+int vela_charger_setup(uint8_t* reg_state);
+int do_chargerdetect(void);
+
+#endif

@@ -1,0 +1,76 @@
+/* The power actions of the real binary on the simulated board. */
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include "simrun.h"
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+namespace {
+
+TEST(PowerActions, BacklightAndUsbHostPort)
+{
+    vt::SimBoard board;
+    vt::ProcessResult r = board.velatool({"-b", "300"}); /* truncated to 8 bits: 44 */
+    EXPECT_EQ(0, r.status);
+    EXPECT_EQ("Setting backlight brightness to 44\n", r.out);
+    r = board.velatool({"-b", "0x65"});
+    EXPECT_EQ(234, r.status); /* 101 is out of range */
+    EXPECT_EQ("Setting backlight brightness to 101\nFailed.\n", r.out);
+
+    r = board.velatool({"-u", "1"});
+    EXPECT_EQ(0, r.status);
+    EXPECT_EQ("USB host port power: on\n", r.out);
+    r = board.velatool({"-u", "2"});
+    EXPECT_EQ(234, r.status);
+    EXPECT_EQ("Failed.\n", r.out);
+    EXPECT_THAT(board.journal(),
+                ElementsAre("/sys/class/backlight/tps65217-bl/brightness write 44",
+                            "/sys/class/gpio/usb_power/value write 1",
+                            "/sys/bus/platform/drivers/musb-dsps/unbind write 47401c00.usb",
+                            "/sys/bus/platform/drivers/musb-dsps/bind write 47401c00.usb"));
+}
+
+/* Under the warp clock the ten seconds of suspend take no real time. */
+TEST(PowerActions, SuspendWithAWakeUpTime)
+{
+    vt::SimBoard board("[clock]\nmode = warp\n");
+    vt::ProcessResult r = board.velatool({"-S", "10"});
+    EXPECT_EQ(0, r.status);
+    EXPECT_EQ("Resuming in 10 seconds ...\nSuspending ...\n", r.out);
+    std::vector<std::string> j = board.journal();
+    ASSERT_EQ(6u, j.size());
+    EXPECT_THAT(j[0], HasSubstr("/dev/rtc0 RTC_WKALM_SET "));
+    EXPECT_EQ("/sys/power/state write mem", j[1]);
+    EXPECT_EQ("power resume rtc", j[4]);
+    EXPECT_EQ("/dev/rtc0 RTC_AIE_OFF", j[5]);
+
+    /* An alarm that cannot be armed: no suspend at all. */
+    vt::SimBoard broken("fault = /dev/rtc0 ioctl:RTC_WKALM_SET EIO\n");
+    r = broken.velatool({"-S", "10"});
+    EXPECT_EQ(255, r.status);
+    EXPECT_EQ("Resuming in 10 seconds ...\nFailed.\n", r.out);
+    EXPECT_TRUE(vt::grep(broken.journal(), "power").empty());
+}
+
+/* Without a time only a wake-up source ends it: here the control face. */
+TEST(PowerActions, SuspendUntilWokenUp)
+{
+    vt::SimBoard board("[clock]\nmode = step\n");
+    vt::ChildProcess child;
+    ASSERT_TRUE(board.start(child, {"-S"}));
+    long long deadline = vt::now_ms() + 20000;
+    while (vt::grep(board.journal(), "power suspend").empty() && vt::now_ms() < deadline)
+        usleep(10000);
+    EXPECT_EQ(0, board.ctl({"wake", "button"}).status);
+    ASSERT_TRUE(child.wait(20000));
+    EXPECT_EQ(0, child.status());
+    EXPECT_EQ("Suspending ...\n", child.out());
+    EXPECT_THAT(board.journal(), ElementsAre("/sys/power/state write mem", "power suspend", "power resume button",
+                                             "/dev/rtc0 RTC_AIE_OFF"));
+}
+
+} // namespace
