@@ -123,7 +123,8 @@ int vela_battery_temp(float vntc, float vntcref, float* temp)
     float rp = vntc * 5600.0f / (vntcref - vntc);
     float r = rp * 11900.0f / (11900.0f - rp);
     /* Beta equation: R25 = 10 kOhm, B = 3435 K. */
-    double t = (3435 * 298.15) / (log(r / 10000.0f) * 298.15 + 3435);
+    /* The ratio in single precision, its logarithm in double. */
+    double t = (3435 * 298.15) / (log(static_cast<double>(r / 10000.0f)) * 298.15 + 3435);
     *temp = (float)(t - 273.15);
     return 0;
 }

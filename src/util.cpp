@@ -73,14 +73,23 @@ int util_ini_open_file(MINIDATA_HANDLE h, const char* path)
     int ret = MIniData_Open(h, path);
     if (ret || !file_exists(path))
         return ret;
+    /* What was read before the bad line stays in force; the user's file is
+     * kept aside, and the document is tied to the path again without a file
+     * behind it, so that the caller writes the values in force anew. */
     char bad[300];
     snprintf(bad, sizeof bad, "%s.bad", path);
-    MTRACE(2, "%s cannot be read, kept as %s, starting from defaults", path, bad);
+    MTRACE(2, "%s cannot be read, kept as %s, going on with what was read", path, bad);
     MERRLOG("%s cannot be read, kept as %s", path, bad);
     _MErrTrace_DumpContextToMErrLog();
-    if (!file_rename(path, bad))
+    char* read_so_far = MIniData_GetContentString(h);
+    if (!file_rename(path, bad)) {
+        free(read_so_far);
         return ret;
+    }
     MIniData_Open(h, path);
+    if (read_so_far != NULL)
+        MIniData_SetContentString(h, read_so_far);
+    free(read_so_far);
     return ret;
 }
 

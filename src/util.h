@@ -13,8 +13,9 @@
 int util_appdata_path(const char* file, char* path, size_t size);
 
 /* Opens an INI file into h. A file that exists but cannot be parsed is kept
- * aside as <path>.bad and the document starts empty, as for a missing file,
- * so that a later save never overwrites the user's text. Returns what the
+ * aside as <path>.bad; the document keeps what was read before the bad line
+ * and has no file behind it, so that the caller's save writes those values
+ * (and its defaults) anew, never over the user's text. Returns what the
  * first open returned. */
 int util_ini_open_file(MINIDATA_HANDLE h, const char* path);
 

@@ -103,20 +103,35 @@ TEST_F(Config, ValuesAreCheckedOnReadingButTheFileKeepsThem)
     EXPECT_DOUBLE_EQ(0.0, state.vbatt_almost_full_threshold);
 }
 
-TEST_F(Config, AnUnreadableFileIsKeptAsideAndTheDefaultsTakeOver)
+/* A file that cannot be read whole is kept aside; what was read before the
+ * bad line stays in force (a calibration, say) and is written anew with the
+ * defaults, so that nothing the user wrote is lost and later saves work. */
+TEST_F(Config, AnUnreadableFileIsKeptAsideAndWhatWasReadStays)
 {
-    const std::string bad[] = {
-        "[motor]\nx_corr=1.1\n[motor]\nskip_samples=1\n",    /* a section twice */
-        std::string("\xff\xfe[\0m\0o\0t\0o\0r\0]\0", 16),     /* UTF-16 */
+    const std::string twice = "[channel]\nw_offset=41000\n[motor]\nx_corr=1.1\n[motor]\nskip_samples=1\n";
+    write_product_file("velatool.ini", twice);
+    start();
+    EXPECT_EQ(twice, vt::read_file(product_file("velatool.ini.bad")));
+    EXPECT_DOUBLE_EQ(1.1, state.x_corr);
+    EXPECT_EQ(41000, state.w_offset);
+    EXPECT_EQ(300u, state.skip_samples); /* the second [motor] never came */
+    EXPECT_THAT(ini(), HasSubstr("w_offset=41000"));
+    EXPECT_THAT(ini(), HasSubstr("x_corr=1.1"));
+    EXPECT_THAT(ini(), HasSubstr("low_threshold=3.6")); /* a missing section's defaults */
+    MIniData_SetDoubleEntry(state.h_ini, "motor", "x_corr", 1.2);
+    EXPECT_EQ(1, MIniData_Save(state.h_ini));
+    EXPECT_THAT(ini(), HasSubstr("x_corr=1.2"));
+
+    const std::string unreadable[] = {
+        std::string("\xff\xfe[\0m\0o\0t\0o\0r\0]\0", 16), /* UTF-16 */
         "garbage before any section\n",
     };
-    for (const std::string& text : bad) {
+    for (const std::string& text : unreadable) {
         write_product_file("velatool.ini", text);
         start();
         EXPECT_EQ(text, vt::read_file(product_file("velatool.ini.bad")));
         EXPECT_THAT(ini(), HasSubstr("calibration_rev=2"));
         EXPECT_DOUBLE_EQ(1.0, state.x_corr);
-        EXPECT_EQ(300u, state.skip_samples);
     }
 }
 

@@ -135,6 +135,16 @@ TEST_F(Counters, AGarbledFileNeverStopsTheCounters)
     ASSERT_EQ(0, nv_read());
     EXPECT_EQ(0, state.uptime.tv_sec);
     EXPECT_EQ(garbage, vt::read_file(product_file("nv_state.ini.bad")));
+
+    /* Counters read before the bad line stay, and are written anew. */
+    const std::string torn = "[uptime]\nready=55\n[uptime\n";
+    write_product_file("nv_state.ini", torn);
+    sim::set("rtc.nvram", "00");
+    state = state_s{};
+    ASSERT_EQ(0, nv_read());
+    EXPECT_EQ(55, state.uptime.tv_sec);
+    EXPECT_EQ(torn, vt::read_file(product_file("nv_state.ini.bad")));
+    EXPECT_THAT(file(), HasSubstr("ready=55"));
 }
 
 TEST_F(Counters, SavingWritesTheBlockAndTheFileOnlyWhenAsked)
