@@ -176,6 +176,7 @@ static const char charger_device[] = "/dev/i2c-0";
 static const int charger_address = 0x6b;
 static const char chgint_edge_path[] = "/sys/class/gpio/chgint/edge";
 static const char chgint_value_path[] = "/sys/class/gpio/chgint/value";
+static const int DETECT_POLLS_MAX = 2000; /* 1 ms apart */
 
 /* Register bits */
 enum {
@@ -289,9 +290,10 @@ int vela_batt_state_get(int* state, int* level)
     return 0;
 }
 
-/* The chip clears the detection bit when it is done. The poll has no
- * delay and no bound, as written; each read is a full bus transaction, and
- * a failing one ends it. */
+/* The chip clears the detection bit when it is done. The poll waits a
+ * millisecond between reads and gives up after two seconds: a chip that
+ * never clears the bit must not hang the caller (the server's loop). A
+ * failing read ends it too. */
 int vela_charger_detect(void)
 {
     MTRACE(3, "vela_charger_detect()");
@@ -311,7 +313,11 @@ int vela_charger_detect(void)
             MTRACE(3, "vela_detect_charger(): detection done, cnt=%d", cnt);
             break;
         }
-        cnt++;
+        if (++cnt >= DETECT_POLLS_MAX) {
+            MTRACE(3, "vela_charger_detect(): detection not done after %d reads", cnt);
+            break;
+        }
+        usleep(1000);
     }
     MTRACE(4, "vela_charger_detect(): pollcnt=%d", cnt);
     uint8_t r[8] = {0};

@@ -55,4 +55,16 @@ int vela_charger_detect(void);
 int vela_charger_setup(uint8_t* reg_state);
 int do_chargerdetect(void);
 
+/* Power events: the charger's interrupt (statirq non-zero) or the periodic
+ * poll update battery state and level, USB power and the charge cycles, and
+ * tell the clients. */
+struct client_s;
+int vela_power_handler(int statirq);
+/* A battery state or level event: to one client, or (null) to all. */
+int vela_send_battery_event(struct client_s* client, int state);
+int vela_send_battery_level_event(struct client_s* client, int level);
+/* The command-line charger monitor (-C). */
+int vela_charger_test(void);
+int do_chargermonitor(void);
+
 #endif

@@ -12,6 +12,7 @@
 #include "motorctrl.h"
 #include "mtrace.h"
 #include "power.h"
+#include "remote.h"
 
 struct options_s options;
 
@@ -229,6 +230,21 @@ static int action_detect(void)
     return do_chargerdetect();
 }
 
+static int action_charger(void)
+{
+    puts("Charger monitor");
+    return do_chargermonitor();
+}
+
+static int action_remote(void)
+{
+    uint16_t port = 7073;
+    if (options.arg[0] != NULL)
+        port = (uint16_t)strtoul(options.arg[0], NULL, 0);
+    MTRACE_ALWAYS("Starting remote control server on port %d\n", port);
+    return remotecontrol(port);
+}
+
 static int action_poti(void)
 {
     uint16_t value = (uint16_t)strtoul(options.arg[0], NULL, 0);
@@ -308,6 +324,7 @@ struct action_s {
 static const struct action_s actions[] = {
     {'V', action_voltages},
     {'A', action_aquisition},
+    {'C', action_charger},
     {'D', action_detect},
     {'S', action_suspend},
     {'a', action_vganf},
@@ -316,6 +333,7 @@ static const struct action_s actions[] = {
     {'d', action_dac},
     {'m', action_mpower},
     {'p', action_poti},
+    {'r', action_remote},
     {'s', action_sine},
     {'u', action_upower},
     {0, NULL},

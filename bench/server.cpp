@@ -1,0 +1,236 @@
+/*
+ * The remote-control server under load, on the simulated instrument.
+ *
+ * 1. `get batt` round trips over loopback with 1 and with 5 clients: requests
+ *    per second, median and 99th-percentile latency, and the read and write
+ *    system calls the server makes per request (from /proc/PID/io).
+ * 2. The idle server over 60 s of board time (the clock scaled 60 times):
+ *    wake-ups of its select() loop on the host.
+ * 3. Its resident memory at start, after 10 000 requests and after 1 000
+ *    connects and disconnects.
+ *
+ * Usage: bench_server [requests]
+ */
+#include <algorithm>
+#include <arpa/inet.h>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <netinet/in.h>
+#include <string>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+struct Server {
+    pid_t pid = -1;
+    int port = 0;
+    std::string dir;
+};
+
+int free_port()
+{
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    struct sockaddr_in addr = {};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    bind(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof addr);
+    socklen_t len = sizeof addr;
+    getsockname(fd, reinterpret_cast<struct sockaddr*>(&addr), &len);
+    close(fd);
+    return ntohs(addr.sin_port);
+}
+
+int connect_to(int port)
+{
+    for (int tries = 0; tries < 2000; tries++) {
+        int fd = socket(AF_INET, SOCK_STREAM, 0);
+        struct sockaddr_in addr = {};
+        addr.sin_family = AF_INET;
+        addr.sin_port = htons(static_cast<uint16_t>(port));
+        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        if (connect(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof addr) == 0)
+            return fd;
+        close(fd);
+        usleep(5000);
+    }
+    return -1;
+}
+
+Server start_server(const char* clock)
+{
+    Server s;
+    char dir[] = "/tmp/velabench.XXXXXX";
+    s.dir = mkdtemp(dir);
+    s.port = free_port();
+    s.pid = fork();
+    if (s.pid == 0) {
+        int null = open("/dev/null", O_WRONLY);
+        dup2(null, STDOUT_FILENO);
+        dup2(null, STDERR_FILENO);
+        std::string board = s.dir + "/board", port = std::to_string(s.port);
+        setenv("ORVIK_CONFIGPATH", (s.dir + "/config").c_str(), 1);
+        execl(VELASIM_PATH, VELASIM_PATH, "run", "--dir", board.c_str(), "--clock", clock, "--", VELATOOL_PATH, "-T",
+              "0", "-r", port.c_str(), static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    int probe = connect_to(s.port);
+    if (probe >= 0)
+        close(probe);
+    return s;
+}
+
+void stop_server(Server& s)
+{
+    kill(s.pid, SIGKILL);
+    waitpid(s.pid, nullptr, 0);
+    std::filesystem::remove_all(s.dir);
+}
+
+/* A field of /proc/PID/<file>, "name: value". */
+long proc_field(pid_t pid, const char* file, const char* name)
+{
+    std::ifstream in("/proc/" + std::to_string(pid) + "/" + file);
+    std::string line;
+    while (std::getline(in, line)) {
+        if (line.compare(0, strlen(name), name) == 0 && line[strlen(name)] == ':')
+            return atol(line.c_str() + strlen(name) + 1);
+    }
+    return -1;
+}
+
+long server_syscalls(pid_t pid)
+{
+    return proc_field(pid, "io", "syscr") + proc_field(pid, "io", "syscw");
+}
+
+/* Reads until a line starting with prefix; false on end. */
+bool read_until(int fd, std::string& pending, const std::string& prefix)
+{
+    for (;;) {
+        size_t lf;
+        while ((lf = pending.find('\n')) != std::string::npos) {
+            std::string line = pending.substr(0, lf);
+            pending.erase(0, lf + 1);
+            if (line.compare(0, prefix.size(), prefix) == 0)
+                return true;
+        }
+        char buf[4096];
+        ssize_t n = read(fd, buf, sizeof buf);
+        if (n <= 0)
+            return false;
+        pending.append(buf, static_cast<size_t>(n));
+    }
+}
+
+/* count round trips of "<id> get batt" on a new connection; latencies in us. */
+void client_run(int port, int count, std::vector<double>* latencies)
+{
+    int fd = connect_to(port);
+    std::string pending;
+    for (int i = 0; i < count; i++) {
+        std::string req = std::to_string(i + 1) + " get batt\n";
+        auto t0 = Clock::now();
+        if (write(fd, req.data(), req.size()) != static_cast<ssize_t>(req.size()) ||
+            !read_until(fd, pending, std::to_string(i + 1) + " ready"))
+            break;
+        latencies->push_back(std::chrono::duration<double, std::micro>(Clock::now() - t0).count());
+    }
+    close(fd);
+}
+
+void round_trips(const Server& s, int clients, int requests)
+{
+    std::vector<std::vector<double>> lat(static_cast<size_t>(clients));
+    long sys0 = server_syscalls(s.pid);
+    auto t0 = Clock::now();
+    std::vector<std::thread> threads;
+    for (int c = 0; c < clients; c++)
+        threads.emplace_back(client_run, s.port, requests / clients, &lat[static_cast<size_t>(c)]);
+    for (std::thread& t : threads)
+        t.join();
+    double seconds = std::chrono::duration<double>(Clock::now() - t0).count();
+    std::vector<double> all;
+    for (auto& l : lat)
+        all.insert(all.end(), l.begin(), l.end());
+    std::sort(all.begin(), all.end());
+    if (all.empty()) {
+        printf("%d client(s): no answers\n", clients);
+        return;
+    }
+    long sys = server_syscalls(s.pid) - sys0;
+    printf("%d client(s): %zu round trips, %.0f per second, latency median %.0f us, p99 %.0f us; "
+           "%.1f read/write calls of the server per request\n",
+           clients, all.size(), static_cast<double>(all.size()) / seconds, all[all.size() / 2],
+           all[all.size() * 99 / 100], static_cast<double>(sys) / static_cast<double>(all.size()));
+}
+
+std::string ctl(const Server& s, const std::string& command)
+{
+    std::string cmd = std::string(VELASIM_PATH) + " ctl --dir " + s.dir + "/board " + command;
+    FILE* p = popen(cmd.c_str(), "r");
+    std::string out;
+    char buf[256];
+    while (fgets(buf, sizeof buf, p) != nullptr)
+        out += buf;
+    pclose(p);
+    return out;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    int requests = argc > 1 ? atoi(argv[1]) : 10000;
+    signal(SIGPIPE, SIG_IGN);
+
+    Server s = start_server("real");
+    long rss0 = proc_field(s.pid, "status", "VmRSS");
+    round_trips(s, 1, requests);
+    round_trips(s, 5, requests);
+    long rss1 = proc_field(s.pid, "status", "VmRSS");
+    /* Each client takes its greeting before it leaves: closing on unread
+     * data resets the connection, which loopback answers with a second's
+     * SYN back-off now and then. */
+    for (int i = 0; i < 1000; i++) {
+        int fd = connect_to(s.port);
+        std::string pending;
+        read_until(fd, pending, "0 event");
+        close(fd);
+    }
+    std::vector<double> unused;
+    client_run(s.port, 10, &unused); /* the server has seen every close */
+    long rss2 = proc_field(s.pid, "status", "VmRSS");
+    printf("resident memory: %ld KiB at start, %ld KiB after %d requests, %ld KiB after 1000 connects\n", rss0, rss1,
+           2 * requests, rss2);
+    stop_server(s);
+
+    /* 60 s of board time, scaled 60 times: about a second of ours. */
+    s = start_server("scaled 60");
+    usleep(200000);
+    long wake0 = atol(ctl(s, "get board.wakeups").c_str());
+    long csw0 = proc_field(s.pid, "status", "voluntary_ctxt_switches");
+    double board0 = atof(ctl(s, "get clock.board_s").c_str());
+    usleep(1000000);
+    double board1 = atof(ctl(s, "get clock.board_s").c_str());
+    long wake1 = atol(ctl(s, "get board.wakeups").c_str());
+    long csw1 = proc_field(s.pid, "status", "voluntary_ctxt_switches");
+    /* Each ctl is a wake-up of its own: three in the window. */
+    double span = board1 - board0;
+    printf("idle server over %.1f s of board time: %ld wake-ups of the wait loop (%.2f per board second, "
+           "of which 3 for the control commands), %ld voluntary context switches\n",
+           span, wake1 - wake0, static_cast<double>(wake1 - wake0 - 3) / span, csw1 - csw0);
+    stop_server(s);
+    return 0;
+}
