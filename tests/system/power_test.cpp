@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <unistd.h>
 
 #include "simrun.h"
@@ -71,6 +72,55 @@ TEST(PowerActions, SuspendUntilWokenUp)
     EXPECT_EQ("Suspending ...\n", child.out());
     EXPECT_THAT(board.journal(), ElementsAre("/sys/power/state write mem", "power suspend", "power resume button",
                                              "/dev/rtc0 RTC_AIE_OFF"));
+}
+
+/* Charger detection and set-up from the command line, under the warp clock
+ * (the detection takes board time). */
+TEST(PowerActions, ChargerDetectionAndSetUp)
+{
+    vt::SimBoard board("[clock]\nmode = warp\n[supply]\nusb_v = 5\n[charger]\nusb_port = dcp\n");
+    vt::ProcessResult r = board.velatool({"-D"});
+    EXPECT_EQ(0, r.status);
+    EXPECT_EQ("Detect USB charger\ndetecting charger\nsetting up charger\n", r.out);
+    std::vector<std::string> charger = vt::grep(board.journal(), "charger detect");
+    ASSERT_EQ(2u, charger.size());
+    EXPECT_EQ("charger detect dcp 1500mA", charger[1]);
+    EXPECT_THAT(board.journal(), testing::Contains("/dev/i2c-0@0x6b write 05 62"));
+
+    /* A low battery skips the detection, the set-up still runs. */
+    vt::SimBoard low("[clock]\nmode = warp\n[battery]\nvoltage = 3.4\n");
+    r = low.velatool({"-D"});
+    EXPECT_EQ(0, r.status);
+    EXPECT_THAT(r.out, HasSubstr("charger_detection skipped due to low battery (3.4"));
+    EXPECT_THAT(r.out, HasSubstr("setting up charger\n"));
+    EXPECT_TRUE(vt::grep(low.journal(), "charger detect").empty());
+
+    /* A charger that does not answer. */
+    vt::SimBoard dead("fault = /dev/i2c-0@0x6b write EREMOTEIO always\n");
+    r = dead.velatool({"-D"});
+    EXPECT_EQ(1, r.status);
+    EXPECT_EQ("Detect USB charger\ndetecting charger\ncharger_detection failed\nFailed.\n", r.out);
+}
+
+/* The monitor polls every 10 s of board time and reacts to the charger's
+ * interrupt; it runs until it is stopped. */
+TEST(PowerActions, ChargerMonitor)
+{
+    vt::SimBoard board("[clock]\nmode = step\n");
+    vt::ChildProcess child;
+    ASSERT_TRUE(board.start(child, {"-C"}));
+    long long deadline = vt::now_ms() + 20000;
+    while (vt::grep(board.journal(), "chgint/edge write falling").empty() && vt::now_ms() < deadline)
+        usleep(10000);
+    for (int i = 0; i < 2; i++)
+        board.ctl({"clock", "advance", "10s"});
+    board.ctl({"set", "supply.external_v", "5"});
+    ASSERT_TRUE(child.wait_output(20000, [](const std::string& out, const std::string&) {
+        return out.find("vela_charger_test(): gpio interrupt occurred") != std::string::npos;
+    })) << child.out();
+    EXPECT_THAT(child.out(), HasSubstr("vela_charger_test(): poll() timeout\n"));
+    child.signal(SIGTERM);
+    child.wait(10000);
 }
 
 } // namespace
