@@ -45,34 +45,30 @@ static int reply_line(struct client_s* client, const char* fmt, ...)
     return sock_puts(client->sock, line);
 }
 
-int remote_error(struct client_s* client, const char* text)
+/* "<id> <kind> <text>", traced at level 3 as the caller names it. */
+static int text_line(struct client_s* client, int id, const char* kind, const char* text, const char* who)
 {
     if (client->sock < 0)
         return -1;
     char line[REMOTE_LINE_MAX];
-    snprintf(line, sizeof line, "%d error %s\n", client->current_id, text);
-    MTRACE(3, "remote_error(): %s", line);
+    snprintf(line, sizeof line, "%d %s %s\n", id, kind, text);
+    MTRACE(3, "%s(): %s", who, line);
     return sock_puts(client->sock, line);
+}
+
+int remote_error(struct client_s* client, const char* text)
+{
+    return text_line(client, client->current_id, "error", text, "remote_error");
 }
 
 int remote_warn(struct client_s* client, const char* text)
 {
-    if (client->sock < 0)
-        return -1;
-    char line[REMOTE_LINE_MAX];
-    snprintf(line, sizeof line, "%d warning %s\n", client->current_id, text);
-    MTRACE(3, "remote_warn(): %s", line);
-    return sock_puts(client->sock, line);
+    return text_line(client, client->current_id, "warning", text, "remote_warn");
 }
 
 int remote_id_error(struct client_s* client, int id, const char* text)
 {
-    if (client->sock < 0)
-        return -1;
-    char line[REMOTE_LINE_MAX];
-    snprintf(line, sizeof line, "%d error %s\n", id, text);
-    MTRACE(3, "remote_id_error(): %s", line);
-    return sock_puts(client->sock, line);
+    return text_line(client, id, "error", text, "remote_id_error");
 }
 
 int remote_ack(struct client_s* client)
