@@ -354,5 +354,8 @@ int do_chargermonitor(void)
 {
     if (util_ini_open() == 0)
         util_ini_read();
-    return vela_charger_test();
+    int ret = vela_charger_test();
+    MIniData_Destroy(state.h_ini);
+    state.h_ini = NULL;
+    return ret;
 }

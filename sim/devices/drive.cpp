@@ -14,6 +14,7 @@ Drive::Drive(Board& board)
     p.add_double("drive.position_mm", &position_mm, "distance of the probe from the end switch, mm (0..travel)", 0,
                  1000);
     p.add_int("drive.connected", &connected, "1 while the drive unit is plugged in", 0, 1);
+    p.add_int("drive.stuck", &stuck, "1: the carriage is jammed (the motor terminals still follow the DAC)", 0, 1);
     p.add_int("motor.power", &motor_power, "motor supply switch (motor_power GPIO)", 0, 1);
     p.add_int("motor.dac", &dac, "motor DAC output register 0..4095", 0, 4095);
     p.add_int("motor.dac_pd", &dac_pd, "motor DAC power-down bits 0..3 (non-zero: output grounded)", 0, 3);
@@ -36,7 +37,7 @@ double Drive::commanded_velocity() const
 
 double Drive::velocity() const
 {
-    if (!motor_power || !connected)
+    if (!motor_power || !connected || stuck)
         return 0.0;
     double v = commanded_velocity();
     if ((v < 0 && position_mm <= 0.0) || (v > 0 && position_mm >= travel_mm))
@@ -48,6 +49,7 @@ void Drive::reset()
 {
     position_mm = 3.0;
     connected = 1;
+    stuck = 0;
     motor_power = 0;
     dac = standstill_dac = 2082;
     dac_pd = 0;

@@ -18,6 +18,7 @@ public:
     /* State and inputs */
     double position_mm = 0;  /* distance from the end switch */
     int connected = 1;       /* drive unit plugged in */
+    int stuck = 0;           /* carriage jammed: the motor is driven but nothing moves */
     int motor_power = 0;     /* motor supply switched on */
     int dac = 0;             /* DAC output register, 0..4095 */
     int dac_pd = 0;          /* DAC power-down bits; non-zero grounds the output */

@@ -57,6 +57,7 @@ const struct {
     {PruFirmware::Fault::NoSignal, "no-signal"},
     {PruFirmware::Fault::NoStart, "no-start"},
     {PruFirmware::Fault::NoStop, "no-stop"},
+    {PruFirmware::Fault::Stall, "stall"},
 };
 
 } // namespace
@@ -65,7 +66,7 @@ PruFirmware::PruFirmware(Pruss& pruss, Board& board, Probe& probe, MeasChannel& 
     : pruss_(pruss), board_(board), probe_(probe), meas_(meas), drive_(drive)
 {
     Params& p = board.params();
-    p.add({"pru.fault", "firmware fault: none, no-signal (after loading), no-start, no-stop",
+    p.add({"pru.fault", "firmware fault: none, no-signal (after loading), no-start, no-stop, stall (acquiring, no new samples; a stop ends it)",
            [this] {
                for (const auto& f : kFaults) {
                    if (f.fault == fault_)
@@ -133,9 +134,17 @@ void PruFirmware::advance(ns_t now)
     }
 
     double hz = meas_.sine_hz;
-    comm(OUT_PERIODTIME) = hz > 0 ? static_cast<uint32_t>(std::lround(1e9 / kTick / hz)) : 0;
+    /* The measured sine period in nanoseconds. */
+    comm(OUT_PERIODTIME) = hz > 0 ? static_cast<uint32_t>(std::lround(1e9 / hz)) : 0;
     comm(DEBUG0) = comm(IN_DELAY);
-    if (acquiring_) {
+    if (acquiring_ && fault_ == Fault::Stall) {
+        /* Hung in the acquisition: nothing converted, it goes on from now when released. */
+        next_conv_ = std::max(next_conv_, now + conv_period_);
+        pos_mm_ = drive_.position_mm;
+        pos_time_ = now;
+        if (comm(IN_CMD) == 0)
+            finish();
+    } else if (acquiring_) {
         acquire_until(now);
         if (acquiring_ && comm(IN_CMD) == 0 && fault_ != Fault::NoStop)
             finish();
@@ -284,7 +293,7 @@ ns_t PruFirmware::next_event(ns_t) const
 {
     if (phase_ == Phase::Booting)
         return main_loop_at_;
-    if (!acquiring_ || req_.maxcount == 1)
+    if (!acquiring_ || req_.maxcount == 1 || fault_ == Fault::Stall)
         return kNever;
     /* A request for no samples ends after the first. */
     uint64_t samples_left = std::max<uint64_t>(req_.maxcount, 1) - count_ + skip_left_;

@@ -26,7 +26,7 @@ class Pruss;
 class PruFirmware {
 public:
     /* Faults on demand (param pru.fault). */
-    enum class Fault { None, NoSignal, NoStart, NoStop };
+    enum class Fault { None, NoSignal, NoStart, NoStop, Stall };
 
     static constexpr uint32_t kVersion0 = 21;
     static constexpr uint32_t kVersion1 = 12;

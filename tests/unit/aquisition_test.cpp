@@ -90,7 +90,7 @@ TEST_F(Aquisition, InitLoadsAndStartsTheFirmwareAndShutdownStopsIt)
     EXPECT_EQ(sim::PruFirmware::kVersion1, info.comm->out_version1);
     EXPECT_EQ(8u, info.comm->in_delay);
     EXPECT_EQ(0u, info.comm->in_cmd);
-    EXPECT_EQ(10000u, info.comm->out_periodtime); /* 20 kHz in 5 ns ticks */
+    EXPECT_EQ(50000u, info.comm->out_periodtime); /* 20 kHz, in ns */
     EXPECT_THAT(vt::entries("pruss"), ElementsAre("pruss pru0 start 0x0724", "pruss pru1 start 0x0220"));
     EXPECT_EQ("idle", sim::get("pru.state"));
 
@@ -293,7 +293,7 @@ TEST_F(SmallPool, TestAcquisitionPrintsStatisticsHistogramAndWritesTheSamples)
              s.back(), *lo, (int)(lo - s.begin()), *hi, (int)(hi - s.begin()));
     EXPECT_THAT(out, HasSubstr(status));
     EXPECT_THAT(out, HasSubstr("\ndone: error=0\ncommunication structure:\n version pru0: 21\n version pru1: 12\n"
-                               " delay: 8\n periodtime: 10000\n count: 2048\n"));
+                               " delay: 8\n periodtime: 50000\n count: 2048\n"));
     EXPECT_THAT(out, HasSubstr("Debuginfo:\n 0: 0x00000008\n 1: 0x00000000\n"));
     char first[32];
     snprintf(first, sizeof first, "Samples:\n0x%04x ", s[0]);
