@@ -233,7 +233,7 @@ void Board::shutdown()
     std::lock_guard<std::recursive_mutex> lock(mu_);
     if (getpid() != owner_pid_)
         return; /* only the owner removes what it made */
-    save_state();
+    save_state(true);
     if (control_fd_ >= 0) {
         SIM_REAL(unlink)((dir_ + "/control.sock").c_str());
         SIM_REAL(close)(control_fd_);
@@ -310,7 +310,7 @@ std::string Board::suspend()
     suspended_ = false;
     std::string reason = wake_reason_.empty() ? "error" : wake_reason_;
     journal("power", "resume", reason);
-    save_state(); /* a suspend is a wait too, and what it did to the clocks counts */
+    save_state(true); /* a suspend is a wait too, and what it did to the clocks counts */
     return reason;
 }
 

@@ -267,7 +267,8 @@ public:
     /* Scenarios, state and control */
     std::string apply_scenario(const std::string& text); /* "" or the first error */
     std::string reset(const std::string& scenario); /* "" or the scenario's first error */
-    void save_state();
+    /* force: now, whether or not anything changed (exit, resume). */
+    void save_state(bool force = false);
     std::string control(const std::string& line); /* data lines, then "ok" or "error: ..." */
     /* A device's own control command: run gets the whole line and its
      * words, and answers as control() does; help is its line(s) of 'help'. */
@@ -318,6 +319,8 @@ private:
     bool suspended_ = false;
     std::string wake_reason_;
     uint64_t wakeups_ = 0;
+    std::string saved_values_; /* what the state file holds */
+    ns_t saved_at_ = 0;        /* host time it was written */
 };
 
 /* Files of the sandbox, through the real libc: the whole content (false when

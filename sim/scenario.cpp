@@ -52,19 +52,27 @@ std::string Board::apply_scenario(const std::string& text)
 }
 
 /* Written when the program waits or exits (never in the middle of a
- * change), by a temporary file renamed over the old one. */
-void Board::save_state()
+ * change), by a temporary file renamed over the old one. A program that
+ * waits often (a server) rewrites it when a value changed, and otherwise
+ * at most once a second for the clock's sake. */
+void Board::save_state(bool force)
 {
     std::lock_guard<std::recursive_mutex> lock(mu_);
     if (getpid() != owner_pid_)
         return;
     advance();
-    std::string text = clock().save_text();
+    std::string values;
     for (const auto& [key, p] : params_.all()) {
         if (p.persist)
-            text += key + " = " + p.get() + "\n";
+            values += key + " = " + p.get() + "\n";
     }
-    write_whole_file(dir_ + "/state", text);
+    ns_t host = host_monotonic_ns();
+    if (!force && values == saved_values_ && host - saved_at_ < kSec)
+        return;
+    if (write_whole_file(dir_ + "/state", clock().save_text() + values)) {
+        saved_values_ = values;
+        saved_at_ = host;
+    }
 }
 
 void Board::load_state()
@@ -110,6 +118,7 @@ std::string Board::reset(const std::string& scenario)
     std::filesystem::remove_all(dir_ + "/fs", ec);
     make_sandbox_dirs(dir_ + "/fs");
     SIM_REAL(unlink)((dir_ + "/state").c_str());
+    saved_values_.clear();
     clock().reset();
     clock().set_mode("real");
     advanced_to_ = now_ns();
