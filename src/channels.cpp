@@ -10,9 +10,11 @@
 
 #include "am335x_adc.h"
 #include "common_app_data.h"
+#include "calibration.h"
 #include "messages.h"
 #include "mtrace.h"
 #include "power.h"
+#include "pstate.h"
 #include "util.h"
 #include "velatool.h"
 
@@ -321,17 +323,28 @@ const struct channel_s channels[] = {
     {"batt_cycles", "1 n 1", CH_READ | CH_MARK, 0, NULL, cb_batt_cycles_get},
     {"blight", "0 100 1", CH_READ | CH_WRITE, 0, cb_blight_set, cb_blight_get},
     {"meas_cycles", "0 n 1", CH_READ | CH_MARK, 0, NULL, cb_meas_cycles_get},
-    /* pstate, sleep_time, speed: with the power states and the drive */
+    {"pstate", "1 5 1 (off|suspend|eco|ready|meas)", CH_READ | CH_WRITE, 0, cb_pstate_set, cb_pstate_get},
+    {"sleep_time", "10 86400 1", CH_READ | CH_WRITE, 0, cb_sleep_time_set, cb_sleep_time_get},
+    {"speed", "0.1 1.0 0.1", CH_READ | CH_WRITE, 0, cb_speed_set, cb_speed_get},
     {"uptime", "0.000 x.xxx 0.001", CH_READ | CH_MARK, 0, NULL, cb_uptime_get},
     {"uptime_eco", "0.000 x.xxx 0.001", CH_READ | CH_MARK, 0, NULL, cb_uptime_eco_get},
-    /* w, z, sin_freq, f, x_corr, w_offset, w_scale, w_ov_min, w_ov_max: with
-     * the measurement channel and its calibration */
+    {"w", "0 65535 1", CH_READ, 0, NULL, cb_w_get},
+    {"z", "-1000.000 +1000.000 0.001", CH_READ, 0, NULL, cb_z_get},
+    {"sin_freq", "0 21010.00 0.01", CH_READ, 0, NULL, cb_sin_freq_get},
+    {"f", "19000 21000 0.01", CH_READ | CH_WRITE, 0, cb_f_set, cb_f_get},
+    {"x_corr", "0.7 1.3 0.0001", CH_READ | CH_WRITE | CH_MARK, 0, cb_x_corr_set, cb_x_corr_get},
+    {"w_offset", "0 65536 1", CH_READ | CH_WRITE | CH_MARK, 0, cb_w_offset_set, cb_w_offset_get},
+    {"w_scale", "0.000000001 1.0 0.000000001", CH_READ | CH_WRITE | CH_MARK, 0, cb_w_scale_set, cb_w_scale_get},
+    {"w_ov_min", "1 65535 1", CH_READ | CH_WRITE, 0, cb_w_ov_min_set, cb_w_ov_min_get},
+    {"w_ov_max", "1 65535 1", CH_READ | CH_WRITE, 0, cb_w_ov_max_set, cb_w_ov_max_get},
     {"opto_rs232", "string", CH_WRITE, 0, cb_opto_rs232_set, NULL},
     {"usbhost", "0 1 1", CH_WRITE, 0, cb_usbhost_set, NULL},
     {"mass_storage", "0 1 1", CH_WRITE, 0, cb_mass_storage_set, NULL},
     {"hwclock", "string:w", CH_WRITE, 0, cb_hwclock_set, NULL},
     {"tracelevel", "0 5 1", CH_WRITE, 0, cb_tracelevel_set, NULL},
-    /* w_xref1, w_xref2, phase: with the calibration */
+    {"w_xref1", "-250.0 100.0 0.001", CH_WRITE, 0, cb_w_xref1_set, NULL},
+    {"w_xref2", "-250.0 100.0 0.001", CH_WRITE, 0, cb_w_xref2_set, NULL},
+    {"phase", "0 31 1", CH_READ | CH_WRITE, 0, cb_phase_set, cb_phase_get},
     {"machine", "string", CH_READ | CH_WRITE, 0, cb_machine_set, cb_machine_get},
     {NULL, NULL, 0, 0, NULL, NULL},
 };

@@ -23,6 +23,7 @@
 #include "nv.h"
 #include "opto.h"
 #include "power.h"
+#include "scanmove.h"
 #include "remote.h"
 #include "sysfs.h"
 #include "util.h"
@@ -156,6 +157,7 @@ void deal_with_data(struct client_s* client)
     if (got == 0) {
         MTRACE(3, "deal_with_data(): Connection lost: sock=%d, idx=%d", client->sock, client->idx);
         close_client(client);
+        do_abort(client, -1); /* what this client started must not run on */
         return;
     }
     if (got < 0 || line[0] == '\0')
@@ -163,6 +165,7 @@ void deal_with_data(struct client_s* client)
     MTRACE(4, "deal_with_data(): [%s]", line);
     if (line[0] == '.') {
         MTRACE(3, "deal_with_data(): Closing connection: FD=%d;  Slot=%d", client->sock, client->idx);
+        do_abort(client, -1);
         close_client(client);
         return;
     }
@@ -291,11 +294,16 @@ void read_socks(void)
         if (options.verbose)
             printf("read_socks(): scantimer expired (action=%d)\n", state.scanmove_action);
         drain_timer(state.fdscanmovetimer);
+        if (state.scanmove_action == 2)
+            do_scan();
+        else if (state.scanmove_action == 1)
+            do_movetimeout();
     }
     if (ready(state.fdautoinfotimer, &socks)) {
         if (options.verbose)
             puts("read_socks(): autoinfotimer expired");
         drain_timer(state.fdautoinfotimer);
+        do_autoinfo();
     }
     if (ready(state.fdidletimer, &socks)) {
         if (options.verbose)
@@ -317,8 +325,10 @@ void read_socks(void)
         ack_gpio_edge(state.fdchg);
         vela_power_handler(1);
     }
-    if (ready(state.fdvganf, &exceptfds))
+    if (ready(state.fdvganf, &exceptfds)) {
         ack_gpio_edge(state.fdvganf);
+        do_endswitch_reached();
+    }
 }
 
 /* The power button reports scan codes: 0x101 pressed, 0x100 released. */

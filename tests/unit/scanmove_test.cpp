@@ -1,0 +1,471 @@
+/* Scan and move on the simulated board: the handlers are called directly
+ * with a client on a socket pair, and the completions as the server loop
+ * calls them, from the scan/move timer and the end switch's edge. The clock
+ * warps, so no test waits for real. */
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <cstdint>
+#include <fcntl.h>
+#include <functional>
+#include <string>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <vector>
+
+#include "base64.h"
+#include "configtest.h"
+#include "measurement.h"
+#include "motorctrl.h"
+#include "scanmove.h"
+#include "util.h"
+#include "velatool.h"
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::MatchesRegex;
+using testing::Not;
+using testing::StartsWith;
+
+namespace {
+
+std::vector<uint16_t> decode_samples(const std::string& text)
+{
+    std::string bytes;
+    EXPECT_TRUE(MBase64_Decode(text.data(), text.size(), &bytes)) << text;
+    std::vector<uint16_t> out;
+    for (size_t i = 0; i + 1 < bytes.size(); i += 2)
+        out.push_back(static_cast<uint16_t>(static_cast<uint8_t>(bytes[i]) | static_cast<uint8_t>(bytes[i + 1]) << 8));
+    return out;
+}
+
+class ScanMove : public vt::ConfigTest {
+protected:
+    void SetUp() override
+    {
+        vt::ConfigTest::SetUp();
+        ASSERT_TRUE(sim::clock_mode("warp"));
+        ASSERT_TRUE(sim::set("adc.noise_codes", "0"));
+        ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, sv_));
+        fcntl(sv_[1], F_SETFL, O_NONBLOCK);
+        client_.sock = sv_[0];
+        client_.idx = 0;
+        client_.current_id = 7;
+        state.fdscanmovetimer = -1;
+        state.fdautoinfotimer = -1;
+        state.fdidletimer = -1;
+        state.fdopto = -1;
+        state.speed = 0.5;
+        state.x_corr = 1.0;
+        state.w_ov_min = 0;
+        state.w_ov_max = 65535;
+        state.f = 20000;
+        ASSERT_EQ(0, am335x_adc_init(&state.adchnd));
+        state.fdvganf = vela_motor_vganf_init();
+        ASSERT_GE(state.fdvganf, 0);
+        /* The measurement chain as the meas power state switches it on. */
+        ASSERT_EQ(0, vela_motor_power_ctrl(1));
+        ASSERT_EQ(0, vela_motor_dac_write(2082));
+        ASSERT_EQ(0, vela_meas_power_ctrl(1));
+        vela_sine_setup_ex(state.f);
+        vela_meas_poti_write(192);
+        ASSERT_EQ(0, aquisition_init(&state.pruss_info, state.phase));
+        ASSERT_EQ(0, aquisition_start(&state.pruss_info, 1, 2000, 0, 65535, 1, 6, state.skip_samples, 0));
+        state.pstate = 5;
+        sim::journal_clear();
+    }
+    void TearDown() override
+    {
+        if (state.fdscanmovetimer >= 0)
+            close(state.fdscanmovetimer);
+        aquisition_stop(&state.pruss_info);
+        aquisition_shutdown(&state.pruss_info);
+        vela_motor_vganf_close();
+        am335x_adc_close(state.adchnd);
+        close(sv_[0]);
+        close(sv_[1]);
+        vt::ConfigTest::TearDown();
+    }
+
+    int run(const std::string& handler_line)
+    {
+        std::vector<std::string> words(1);
+        for (char c : handler_line) {
+            if (c == ' ')
+                words.emplace_back();
+            else
+                words.back() += c;
+        }
+        std::vector<char*> argv;
+        for (auto& w : words)
+            argv.push_back(w.data());
+        argv.push_back(nullptr);
+        int argc = static_cast<int>(words.size());
+        if (words[0] == "scan")
+            return cb_scan(&client_, argc, argv.data());
+        return cb_move(&client_, argc, argv.data());
+    }
+
+    /* The server loop's share: the timer's expiry read, then do_scan or
+     * do_movetimeout; an end-switch edge acknowledged, then
+     * do_endswitch_reached. each(ticks) runs before every timer step.
+     * Returns the timer steps served. */
+    int serve(const std::function<void(int)>& each = {}, int max_steps = 2000)
+    {
+        int ticks = 0;
+        while (state.scanmove_client != nullptr && max_steps-- > 0) {
+            fd_set rd, ex;
+            FD_ZERO(&rd);
+            FD_ZERO(&ex);
+            FD_SET(state.fdscanmovetimer, &rd);
+            FD_SET(state.fdvganf, &ex);
+            struct timeval tv = {60, 0};
+            int n = select(std::max(state.fdscanmovetimer, state.fdvganf) + 1, &rd, nullptr, &ex, &tv);
+            if (n <= 0) {
+                ADD_FAILURE() << "nothing happened within 60 s";
+                break;
+            }
+            if (FD_ISSET(state.fdscanmovetimer, &rd)) {
+                uint64_t expirations = 0;
+                EXPECT_EQ(8, read(state.fdscanmovetimer, &expirations, sizeof expirations));
+                if (each)
+                    each(ticks);
+                ticks++;
+                if (state.scanmove_action == 2)
+                    EXPECT_EQ(0, do_scan());
+                else
+                    EXPECT_EQ(0, do_movetimeout());
+            }
+            if (FD_ISSET(state.fdvganf, &ex)) {
+                char c[4];
+                lseek(state.fdvganf, 0, SEEK_SET);
+                EXPECT_GT(read(state.fdvganf, c, sizeof c), 0);
+                do_endswitch_reached();
+            }
+        }
+        return ticks;
+    }
+
+    /* Everything the client has received since the last call, by lines. */
+    std::vector<std::string> lines()
+    {
+        std::string text;
+        char buf[8192];
+        ssize_t n;
+        while ((n = read(sv_[1], buf, sizeof buf)) > 0)
+            text.append(buf, static_cast<size_t>(n));
+        std::vector<std::string> out;
+        size_t at = 0;
+        for (size_t nl; (nl = text.find('\n', at)) != std::string::npos; at = nl + 1)
+            out.push_back(text.substr(at, nl - at));
+        EXPECT_EQ(at, text.size()) << "unterminated line";
+        return out;
+    }
+
+    /* The samples of the data lines with the given id, in order; other lines
+     * go to *rest. */
+    std::vector<uint16_t> samples_of(const std::vector<std::string>& all, int id, std::vector<std::string>* rest,
+                                     std::vector<size_t>* chunks = nullptr)
+    {
+        std::vector<uint16_t> out;
+        std::string prefix = std::to_string(id) + " data ";
+        for (const auto& l : all) {
+            if (l.rfind(prefix, 0) != 0) {
+                rest->push_back(l);
+                continue;
+            }
+            auto s = decode_samples(l.substr(prefix.size()));
+            if (chunks)
+                chunks->push_back(s.size());
+            out.insert(out.end(), s.begin(), s.end());
+        }
+        return out;
+    }
+
+    std::vector<std::string> dac_writes() { return vt::entries("/dev/i2c-1@0x60 write"); }
+
+    int sv_[2] = {-1, -1};
+    struct client_s client_ = {};
+};
+
+TEST(ScanMoveBase64, EncodesWithPaddingAndKeepsTooSmallTargetsUntouched)
+{
+    char out[32];
+    size_t len = sizeof out;
+    const unsigned char man[] = {'M', 'a', 'n'};
+    ASSERT_EQ(out, base64_encode(man, 3, out, &len));
+    EXPECT_EQ("TWFu", std::string(out, len));
+    len = sizeof out;
+    base64_encode(man, 2, out, &len);
+    EXPECT_EQ("TWE=", std::string(out, len));
+    len = sizeof out;
+    base64_encode(man, 1, out, &len);
+    EXPECT_EQ("TQ==", std::string(out, len));
+
+    /* Chunks of 2, 4 and 6 samples. */
+    const unsigned char samples[12] = {0xff, 0xfe, 0x00, 0x01, 0x7f, 0x80, 0x10, 0x20, 0x30, 0x40, 0xfb, 0xef};
+    len = sizeof out;
+    base64_encode(samples, 4, out, &len);
+    EXPECT_EQ("//4AAQ==", std::string(out, len));
+    len = sizeof out;
+    base64_encode(samples, 8, out, &len);
+    EXPECT_EQ(12u, len);
+    EXPECT_EQ("//4AAX+AECA=", std::string(out, len));
+    len = sizeof out;
+    base64_encode(samples, 12, out, &len);
+    EXPECT_EQ("//4AAX+AECAwQPvv", std::string(out, len));
+
+    len = 0;
+    EXPECT_EQ(out, base64_encode(samples, 0, out, &len));
+    EXPECT_EQ(0u, len);
+
+    char small[8];
+    memset(small, '#', sizeof small);
+    len = 7;
+    EXPECT_EQ(nullptr, base64_encode(samples, 4, small, &len));
+    EXPECT_EQ(7u, len);
+    EXPECT_EQ(std::string(8, '#'), std::string(small, 8));
+    len = 8;
+    EXPECT_EQ(nullptr, base64_encode(samples, 4, nullptr, &len));
+    EXPECT_EQ(8u, len);
+}
+
+TEST_F(ScanMove, RefusedScansAnswerWithTheirErrorAndStartNothing)
+{
+    state.pstate = 4;
+    state.scanmove_ts_start = {};
+    EXPECT_EQ(-1, run("scan x=1"));
+    EXPECT_NE(0, state.scanmove_ts_start.tv_sec); /* stored before the checks */
+    state.pstate = 5;
+    for (const char* line : {"scan x5", "scan", "scan x=1 y=2", "scan len=3"})
+        EXPECT_EQ(-1, run(line)) << line;
+    for (const char* line : {"scan x=17.6", "scan x=0.05", "scan time=41", "scan time=0.05"})
+        EXPECT_EQ(-1, run(line)) << line;
+    EXPECT_THAT(lines(), ElementsAre("7 error invalid pstate", "7 error syntax invalid", "7 error syntax invalid",
+                                     "7 error syntax invalid", "7 error syntax invalid", "7 error value out of range",
+                                     "7 error value out of range", "7 error value out of range",
+                                     "7 error value out of range"));
+    EXPECT_EQ(-1, state.fdscanmovetimer);
+    EXPECT_EQ(nullptr, state.scanmove_client);
+    EXPECT_THAT(dac_writes(), IsEmpty());
+    EXPECT_THAT(vt::entries("pruss acquire"), IsEmpty());
+}
+
+TEST_F(ScanMove, DistanceScanSetsDriveRateAndBudget)
+{
+    ASSERT_EQ(1, run("scan x=1"));
+    /* 0.5 mm/s: DAC 890 * 0.5 + 2082, 1000 samples/s for 2 s, budget 3 s. */
+    EXPECT_THAT(dac_writes(), ElementsAre("/dev/i2c-1@0x60 write 09 df"));
+    EXPECT_THAT(vt::entries("pruss acquire"),
+                ElementsAre("pruss acquire count=2000 interval=3125 ovs=6 filter=1 mode=9 skip=0 min=0 max=65535"));
+    EXPECT_EQ(3000, state.scantimeout);
+    EXPECT_EQ(500, state.scandatatimeout);
+    EXPECT_EQ(2, state.scanmove_action);
+    EXPECT_EQ(7, state.scanmove_id);
+    EXPECT_EQ(&client_, state.scanmove_client);
+    EXPECT_GE(state.fdscanmovetimer, 0);
+
+    /* One at a time, and a refused move still takes the start time. */
+    client_.current_id = 8;
+    struct timespec before = state.scanmove_ts_start;
+    sim::advance_clock(250000000);
+    EXPECT_EQ(-1, run("scan x=2"));
+    EXPECT_EQ(-1, run("move x=0"));
+    EXPECT_NE(before.tv_nsec, state.scanmove_ts_start.tv_nsec);
+    EXPECT_THAT(lines(), ElementsAre("8 error command already active", "8 error command already active"));
+
+    sim::journal_clear();
+    EXPECT_EQ(0, scan_abort(&client_));
+    EXPECT_THAT(lines(), ElementsAre("7 error aborted", MatchesRegex("7 ready 0\\.0[0-9][0-9]")));
+    EXPECT_EQ(1u, state.meas_cycles);
+    EXPECT_EQ(-1, state.fdscanmovetimer);
+    EXPECT_EQ(nullptr, state.scanmove_client);
+    EXPECT_THAT(dac_writes(), ElementsAre("/dev/i2c-1@0x60 write 08 22"));
+    EXPECT_THAT(vt::entries("pruss acquire"), ElementsAre(HasSubstr("count=1 interval=1562 ovs=6 filter=1 mode=1")));
+}
+
+TEST_F(ScanMove, TimedScanAndLimitsStart)
+{
+    ASSERT_EQ(1, run("scan time=40"));
+    EXPECT_THAT(dac_writes(), IsEmpty());
+    EXPECT_THAT(vt::entries("pruss acquire"), ElementsAre(HasSubstr("count=40000 interval=3125 ovs=6 filter=1 mode=1")));
+    EXPECT_EQ(41000, state.scantimeout);
+    scan_abort(&client_);
+    ASSERT_EQ(1, run("scan timeout=0.1"));
+    scan_abort(&client_);
+    ASSERT_EQ(1, run("scan x=17.5"));
+    scan_abort(&client_);
+    ASSERT_EQ(1, run("scan x=0.1"));
+    scan_abort(&client_);
+    EXPECT_EQ(4u, state.meas_cycles);
+    auto all = lines();
+    EXPECT_EQ(4, std::count(all.begin(), all.end(), "7 error aborted"));
+}
+
+TEST_F(ScanMove, EverySampleArrivesOnceInOrder)
+{
+    ASSERT_TRUE(sim::set("workpiece.profile", "0:0 20:400"));
+    ASSERT_EQ(1, run("scan x=1"));
+    int ticks = serve();
+    std::vector<std::string> rest;
+    std::vector<size_t> chunks;
+    std::vector<uint16_t> got = samples_of(lines(), 7, &rest, &chunks);
+    ASSERT_THAT(rest, ElementsAre(MatchesRegex("7 ready 2\\.[01][0-9][0-9]")));
+    EXPECT_GE(ticks, 20);
+    EXPECT_LE(ticks, 22);
+    ASSERT_EQ(2000u, got.size());
+    for (size_t n : chunks) {
+        EXPECT_EQ(0u, n % 2);
+        EXPECT_LE(n, 102u);
+    }
+    /* Sample 0 is the idle acquisition's again by now. */
+    for (size_t i = 1; i < got.size(); i++)
+        ASSERT_EQ(state.pruss_info.p_samples[i], got[i]) << "sample " << i;
+    EXPECT_NE(got.front(), got.back()); /* the probe followed the slope */
+    EXPECT_EQ(1u, state.meas_cycles);
+    EXPECT_THAT(dac_writes(), ElementsAre("/dev/i2c-1@0x60 write 09 df", "/dev/i2c-1@0x60 write 08 22"));
+    EXPECT_EQ("2082", sim::get("motor.dac"));
+}
+
+TEST_F(ScanMove, OverflowLimits)
+{
+    /* A step of the workpiece halfway along the scan. */
+    ASSERT_TRUE(sim::set("workpiece.profile", "0:0 3.5:0 3.51:100"));
+    ASSERT_TRUE(sim::set("drive.position_mm", "3"));
+    ASSERT_EQ(1, run("scan x=1"));
+    serve();
+    std::vector<std::string> rest;
+    std::vector<uint16_t> plain = samples_of(lines(), 7, &rest);
+    ASSERT_EQ(2000u, plain.size());
+    uint16_t before = plain[100], after = plain[1900];
+    ASSERT_GT(std::abs(before - after), 1000);
+    uint16_t mid = static_cast<uint16_t>((before + after) / 2);
+
+    /* Above the upper limit: the scan ends with "OF PLUS". */
+    ASSERT_TRUE(sim::set("drive.position_mm", "3"));
+    state.w_ov_max = mid;
+    if (before > after) {
+        /* The profile falls: flip it, so that the step goes up. */
+        ASSERT_TRUE(sim::set("workpiece.profile", "0:100 3.5:100 3.51:0"));
+    }
+    ASSERT_EQ(1, run("scan x=1"));
+    serve();
+    rest.clear();
+    std::vector<uint16_t> cut = samples_of(lines(), 7, &rest);
+    EXPECT_THAT(rest, ElementsAre("7 error OF PLUS", MatchesRegex("7 ready 1\\.[0-9]{3}")));
+    EXPECT_GT(cut.size(), 800u);
+    EXPECT_LT(cut.size(), 1100u);
+
+    /* Below the lower limit: one warning with the client's latest id, the
+     * scan goes on to its end. */
+    ASSERT_TRUE(sim::set("drive.position_mm", "3"));
+    state.w_ov_max = 65535;
+    state.w_ov_min = mid;
+    ASSERT_EQ(1, run("scan x=1"));
+    client_.current_id = 9;
+    serve();
+    rest.clear();
+    std::vector<uint16_t> all = samples_of(lines(), 7, &rest);
+    EXPECT_THAT(rest, ElementsAre("9 warning OF MINUS", MatchesRegex("7 ready 2\\.[0-9]{3}")));
+    EXPECT_EQ(2000u, all.size());
+    EXPECT_EQ(3u, state.meas_cycles);
+}
+
+TEST_F(ScanMove, FirmwareFailures)
+{
+    /* An error code of the firmware. */
+    ASSERT_TRUE(sim::set("pru.error", "5"));
+    ASSERT_EQ(1, run("scan x=1"));
+    EXPECT_EQ(1, serve());
+    EXPECT_THAT(lines(), ElementsAre("7 error error", MatchesRegex("7 ready 0\\.1[0-9][0-9]")));
+    ASSERT_TRUE(sim::set("pru.error", "0"));
+
+    /* No sample at all: fails on the sixth step. */
+    state.skip_samples = 100000;
+    ASSERT_EQ(1, run("scan x=1"));
+    EXPECT_EQ(6, serve());
+    EXPECT_THAT(lines(), ElementsAre("7 error timeout no data", MatchesRegex("7 ready 0\\.6[0-9][0-9]")));
+    state.skip_samples = 0;
+
+    /* The firmware stops delivering after a second: the budget of 3 s runs
+     * out, and the failing step sends no data. */
+    ASSERT_EQ(1, run("scan x=1"));
+    int ticks = serve([](int tick) {
+        if (tick == 10)
+            sim::set("pru.fault", "stall");
+    });
+    EXPECT_EQ(31, ticks);
+    std::vector<std::string> rest;
+    std::vector<uint16_t> got = samples_of(lines(), 7, &rest);
+    EXPECT_THAT(rest, ElementsAre("7 error timeout", MatchesRegex("7 ready 3\\.1[0-9][0-9]")));
+    EXPECT_GE(got.size(), 900u);
+    EXPECT_LE(got.size(), 1100u);
+    EXPECT_EQ(3u, state.meas_cycles);
+    sim::set("pru.fault", "none");
+}
+
+TEST_F(ScanMove, MoveHomeEndsAtTheEndSwitch)
+{
+    EXPECT_EQ(-1, run("move x=5"));
+    EXPECT_EQ(-1, run("move"));
+    state.pstate = 4;
+    EXPECT_EQ(-1, run("move x=0"));
+    state.pstate = 5;
+    EXPECT_THAT(lines(), ElementsAre("7 error invalid arguments for move", "7 error invalid arguments for move",
+                                     "7 error invalid pstate"));
+
+    /* 3 mm at full speed home, about 2.34 mm/s. */
+    ASSERT_EQ(1, run("move x=0.5"));
+    EXPECT_THAT(dac_writes(), ElementsAre("/dev/i2c-1@0x60 write 00 00"));
+    EXPECT_EQ(1, state.scanmove_action);
+    EXPECT_EQ(1, serve()); /* the drive check after 1 s, then the edge */
+    EXPECT_THAT(lines(), ElementsAre(MatchesRegex("7 ready 1\\.2[0-9][0-9]")));
+    EXPECT_EQ("1", sim::get("drive.at_home"));
+    EXPECT_EQ("2082", sim::get("motor.dac"));
+    EXPECT_EQ(0u, state.meas_cycles);
+    EXPECT_EQ(-1, state.fdscanmovetimer);
+    EXPECT_EQ(-22, do_endswitch_reached());
+    EXPECT_EQ(-22, do_movetimeout());
+
+    /* At the end switch already: finished at once, nothing touched. */
+    sim::journal_clear();
+    EXPECT_EQ(0, run("move x=0"));
+    EXPECT_EQ(-1, state.fdscanmovetimer);
+    EXPECT_THAT(dac_writes(), IsEmpty());
+    EXPECT_THAT(lines(), IsEmpty());
+}
+
+TEST_F(ScanMove, MoveSupervision)
+{
+    /* No drive unit: the motor voltage tells after 1 s. */
+    ASSERT_TRUE(sim::set("drive.connected", "0"));
+    ASSERT_EQ(1, run("move x=0"));
+    EXPECT_EQ(1, serve());
+    EXPECT_THAT(lines(), ElementsAre("7 error no drive unit", MatchesRegex("7 ready 1\\.0[0-9][0-9]")));
+    ASSERT_TRUE(sim::set("drive.connected", "1"));
+
+    /* A jammed carriage never reaches the end switch. */
+    ASSERT_TRUE(sim::set("drive.stuck", "1"));
+    ASSERT_EQ(1, run("move x=0"));
+    EXPECT_EQ(2, serve());
+    EXPECT_THAT(lines(), ElementsAre("7 error endswitch timeout", MatchesRegex("7 ready 15\\.0[0-9][0-9]")));
+    EXPECT_EQ("2082", sim::get("motor.dac"));
+
+    /* An abort, and an end switch edge during a scan only disarms. */
+    ASSERT_EQ(1, run("move x=0"));
+    EXPECT_EQ(0, move_abort(&client_));
+    EXPECT_THAT(lines(), ElementsAre("7 error aborted", MatchesRegex("7 ready 0\\.0[0-9][0-9]")));
+    ASSERT_EQ(1, run("scan x=1"));
+    EXPECT_EQ(0, do_endswitch_reached());
+    EXPECT_EQ(&client_, state.scanmove_client);
+    scan_abort(&client_);
+    EXPECT_EQ(1u, state.meas_cycles);
+}
+
+} // namespace
