@@ -8,6 +8,12 @@
  *    wake-ups of its select() loop on the host.
  * 3. Its resident memory at start, after 10 000 requests and after 1 000
  *    connects and disconnects.
+ * 4. A full 17.5 mm scan at 1 mm/s streamed to a client with the clock in
+ *    warp mode: samples expected, received, lost; data lines and their
+ *    length; wall time.
+ * 5. The same scan in real time while the four other clients send `get
+ *    batt` as fast as they can (five clients in all, the server's limit):
+ *    the interval between data lines and the samples lost.
  *
  * Usage: bench_server [requests]
  */
@@ -188,6 +194,106 @@ std::string ctl(const Server& s, const std::string& command)
     return out;
 }
 
+/* The 16-bit samples in a base64 text. */
+size_t base64_samples(const std::string& text)
+{
+    size_t chars = text.find('=') == std::string::npos ? text.size() : text.find('=');
+    return chars * 6 / 8 / 2;
+}
+
+/* Sends "<id> <command>" and reads up to its ready line. */
+std::vector<std::string> request(int fd, std::string& pending, int id, const std::string& command)
+{
+    std::string req = std::to_string(id) + " " + command + "\n";
+    std::vector<std::string> lines;
+    if (write(fd, req.data(), req.size()) != static_cast<ssize_t>(req.size()))
+        return lines;
+    std::string ready = std::to_string(id) + " ready";
+    for (;;) {
+        size_t lf;
+        while ((lf = pending.find('\n')) != std::string::npos) {
+            lines.push_back(pending.substr(0, lf));
+            pending.erase(0, lf + 1);
+            if (lines.back().compare(0, ready.size(), ready) == 0)
+                return lines;
+        }
+        char buf[65536];
+        ssize_t n = read(fd, buf, sizeof buf);
+        if (n <= 0)
+            return lines;
+        pending.append(buf, static_cast<size_t>(n));
+    }
+}
+
+/* A 17.5 mm scan at 1 mm/s; with flooders, as many clients asking for
+ * the battery meanwhile. */
+void full_scan(const char* clock, int flooders)
+{
+    Server s = start_server(clock);
+    int fd = connect_to(s.port);
+    std::string pending;
+    request(fd, pending, 1, "set pstate=meas speed=1.0");
+    volatile bool stop = false;
+    std::vector<std::thread> threads;
+    for (int i = 0; i < flooders; i++) {
+        threads.emplace_back([&s, &stop] {
+            int c = connect_to(s.port);
+            std::string p;
+            for (int id = 1; !stop; id++)
+                request(c, p, id, "get batt");
+            close(c);
+        });
+    }
+    std::string req = "2 scan x=17.5\n";
+    auto t0 = Clock::now();
+    if (write(fd, req.data(), req.size()) != static_cast<ssize_t>(req.size()))
+        return;
+    size_t samples = 0, lines = 0, chars = 0;
+    std::vector<double> gaps;
+    auto last = Clock::now();
+    std::string ready;
+    for (bool done = false; !done;) {
+        size_t lf;
+        while ((lf = pending.find('\n')) != std::string::npos) {
+            std::string line = pending.substr(0, lf);
+            pending.erase(0, lf + 1);
+            if (line.compare(0, 7, "2 data ") == 0) {
+                auto now = Clock::now();
+                if (lines > 0)
+                    gaps.push_back(std::chrono::duration<double, std::milli>(now - last).count());
+                last = now;
+                lines++;
+                chars += line.size() - 7;
+                samples += base64_samples(line.substr(7));
+            } else if (line.compare(0, 7, "2 ready") == 0 || line.compare(0, 7, "2 error") == 0) {
+                ready = line;
+                done = line.compare(0, 7, "2 ready") == 0;
+            }
+        }
+        char buf[65536];
+        ssize_t n = done ? 1 : read(fd, buf, sizeof buf);
+        if (n <= 0)
+            break;
+        if (!done)
+            pending.append(buf, static_cast<size_t>(n));
+    }
+    double wall = std::chrono::duration<double>(Clock::now() - t0).count();
+    stop = true;
+    for (std::thread& t : threads)
+        t.join();
+    std::sort(gaps.begin(), gaps.end());
+    const size_t expected = 35000; /* one sample per 0.5 um */
+    printf("scan 17.5 mm at 1 mm/s, clock %s, %d other clients: %zu samples of %zu (%zu lost), %zu data lines of "
+           "%.0f base64 characters on average, %.2f s of wall time, '%s'\n",
+           clock, flooders, samples, expected, samples > expected ? 0 : expected - samples, lines,
+           lines ? static_cast<double>(chars) / static_cast<double>(lines) : 0.0, wall, ready.c_str());
+    if (!gaps.empty())
+        printf("  interval between data lines: median %.1f ms, p99 %.1f ms, max %.1f ms\n", gaps[gaps.size() / 2],
+               gaps[gaps.size() * 99 / 100], gaps.back());
+    close(fd);
+    stop_server(s);
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -232,5 +338,8 @@ int main(int argc, char** argv)
            "of which 3 for the control commands), %ld voluntary context switches\n",
            span, wake1 - wake0, static_cast<double>(wake1 - wake0 - 3) / span, csw1 - csw0);
     stop_server(s);
+
+    full_scan("warp", 0);
+    full_scan("real", 4);
     return 0;
 }
