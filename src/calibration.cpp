@@ -1,5 +1,7 @@
 #include "calibration.h"
 
+#include "channels.h"
+
 #include <limits.h>
 #include <stdarg.h>
 #include <stdint.h>
@@ -12,7 +14,6 @@
 #include "mtrace.h"
 
 /* Room a get handler may use in tbuffer, as the channel table grants it. */
-#define VALUE_MAX 64
 
 /* Power state in which the probe is excited and sampled. */
 #define PSTATE_MEAS 5
@@ -20,18 +21,6 @@
 /* Heights of the calibration points, um. */
 #define XREF_MIN -250.0
 #define XREF_MAX 100.0
-
-static int put_value(char* value, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
-static int put_value(char* value, const char* fmt, ...)
-{
-    va_list ap;
-    va_start(ap, fmt);
-    int n = vsnprintf(value, VALUE_MAX, fmt, ap);
-    va_end(ap);
-    if (n >= VALUE_MAX)
-        n = VALUE_MAX - 1;
-    return n;
-}
 
 static int out_of_range(struct client_s* client)
 {

@@ -20,14 +20,10 @@
 
 /* Room one get handler may use in tbuffer. The longest value of any channel
  * ("%.1f" of the largest float) is about 45 characters. */
-#define CHANNEL_VALUE_MAX 64
 
 static const char psplash_link[] = "/usr/bin/psplash";
 
-/* A get handler's value, never longer than CHANNEL_VALUE_MAX - 1 characters;
- * returns the number of characters written. */
-static int put_value(char* value, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
-static int put_value(char* value, const char* fmt, ...)
+int put_value(char* value, const char* fmt, ...)
 {
     va_list ap;
     va_start(ap, fmt);

@@ -24,6 +24,12 @@ struct channel_s {
 
 extern const struct channel_s channels[];
 
+/* Room for one get handler's value, terminator included. */
+#define CHANNEL_VALUE_MAX 64
+/* A get handler's value, never longer than CHANNEL_VALUE_MAX - 1
+ * characters; returns the number of characters written. */
+int put_value(char* value, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
+
 int cb_get(struct client_s* client, int argc, char** argv);
 int cb_set(struct client_s* client, int argc, char** argv);
 int cb_capabilities(struct client_s* client, int argc, char** argv);

@@ -88,12 +88,11 @@ char* base64_encode(const unsigned char* data, size_t input_length, char* dest, 
     return dest;
 }
 
-int cb_scan(struct client_s* client, int argc, char** argv)
+/* What a scan and a move check first. The start time is stored before the
+ * checks, so a refused one overwrites the running operation's start. */
+static int scanmove_may_start(struct client_s* client)
 {
-    MTRACE(3, "cb_scan()");
-    /* Before the checks: a refused scan overwrites a running move's start. */
     clock_gettime(CLOCK_MONOTONIC, &state.scanmove_ts_start);
-
     if (state.pstate != 5) {
         remote_error(client, msg.invalid_pstate);
         return -1;
@@ -102,6 +101,14 @@ int cb_scan(struct client_s* client, int argc, char** argv)
         remote_error(client, msg.err_command_already_active);
         return -1;
     }
+    return 0;
+}
+
+int cb_scan(struct client_s* client, int argc, char** argv)
+{
+    MTRACE(3, "cb_scan()");
+    if (scanmove_may_start(client) != 0)
+        return -1;
     const char* eq = argc == 2 ? strchr(argv[1], '=') : NULL;
     if (eq == NULL) {
         remote_error(client, msg.syntax_invalid);
@@ -293,17 +300,8 @@ int scan_abort(struct client_s* client)
 int cb_move(struct client_s* client, int argc, char** argv)
 {
     MTRACE(3, "cb_move()");
-    /* Before the checks: a refused move overwrites a running scan's start. */
-    clock_gettime(CLOCK_MONOTONIC, &state.scanmove_ts_start);
-
-    if (state.pstate != 5) {
-        remote_error(client, msg.invalid_pstate);
+    if (scanmove_may_start(client) != 0)
         return -1;
-    }
-    if (state.scanmove_client != NULL) {
-        remote_error(client, msg.err_command_already_active);
-        return -1;
-    }
     if (argc != 2 || strncmp(argv[1], "x=0", 3) != 0) {
         remote_error(client, msg.err_invalid_args_for_move);
         return -1;
