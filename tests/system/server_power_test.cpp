@@ -30,8 +30,10 @@ std::vector<std::string> events_over(vt::ServerUnderTest& server, vt::LineClient
     std::vector<std::string> events;
     for (int i = 0; i < steps; i++) {
         server.advance(step);
+        /* The server answers within milliseconds; the margin is for a
+         * loaded machine (sanitizers, parallel tests). */
         std::string line;
-        while (client.read_line(&line, 100))
+        while (client.read_line(&line, 250))
             events.push_back(line);
     }
     return events;
