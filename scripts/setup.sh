@@ -3,7 +3,7 @@
 # Idempotent: does nothing and prints nothing when all are present.
 set -euo pipefail
 
-packages=(g++ cmake ninja-build make pkg-config zlib1g-dev libgtest-dev libgmock-dev)
+packages=(g++ cmake ninja-build make pkg-config zlib1g-dev libpng-dev libgtest-dev libgmock-dev)
 
 missing=()
 for p in "${packages[@]}"; do

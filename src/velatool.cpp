@@ -13,6 +13,7 @@
 #include "mtrace.h"
 #include "power.h"
 #include "remote.h"
+#include "testmodes.h"
 
 struct options_s options;
 
@@ -245,6 +246,37 @@ static int action_remote(void)
     return remotecontrol(port);
 }
 
+/* The diagnostic and test modes: a line, then the mode. */
+static int action_eventmonitor(void)
+{
+    puts("Monitoring pmic and charger events");
+    return do_eventmonitor();
+}
+
+static int action_emctest(void)
+{
+    puts("Entering EMC test mode");
+    return do_emctest();
+}
+
+static int action_fbtest(void)
+{
+    puts("Display frame buffer test image");
+    return do_fbtest();
+}
+
+static int action_touchmonitor(void)
+{
+    puts("Monitoring touchscreen events");
+    return do_touchmonitor();
+}
+
+static int action_opto(void)
+{
+    puts("Opto RS232 test");
+    return do_opto_rs232_test();
+}
+
 static int action_poti(void)
 {
     uint16_t value = (uint16_t)strtoul(options.arg[0], NULL, 0);
@@ -314,8 +346,8 @@ static int action_aquisition(void)
     return ret > 0 ? 0 : ret; /* a histogram width is no failure */
 }
 
-/* One row per action letter whose hardware support is built; any other letter
- * takes the "not implemented" path. */
+/* One row per action letter; a letter without a row takes the "not
+ * implemented" path. */
 struct action_s {
     char letter;
     int (*run)(void);
@@ -326,15 +358,22 @@ static const struct action_s actions[] = {
     {'A', action_aquisition},
     {'C', action_charger},
     {'D', action_detect},
+    {'E', action_emctest},
+    {'F', action_fbtest},
     {'S', action_suspend},
+    {'X', do_demo},
+    {'Y', do_pmdemo},
     {'a', action_vganf},
     {'b', action_backlight},
     {'c', action_cpower},
     {'d', action_dac},
+    {'e', action_eventmonitor},
     {'m', action_mpower},
+    {'o', action_opto},
     {'p', action_poti},
     {'r', action_remote},
     {'s', action_sine},
+    {'t', action_touchmonitor},
     {'u', action_upower},
     {0, NULL},
 };

@@ -123,4 +123,26 @@ TEST(PowerActions, ChargerMonitor)
     child.wait(10000);
 }
 
+/* The opto test answers every break with the counters and a numbered line. */
+TEST(TestModes, OptoPortTestCountsBreaks)
+{
+    vt::SimBoard board("[clock]\nmode = step\n");
+    vt::ChildProcess child;
+    ASSERT_TRUE(board.start(child, {"-o"}));
+    ASSERT_TRUE(child.wait_output(20000, [](const std::string& out, const std::string&) {
+        return out.find("Press button on Opto-RS232 cable to generate break.\n") != std::string::npos;
+    })) << child.out();
+    long long deadline = vt::now_ms() + 20000;
+    while (board.ctl({"set", "opto.rx", "break"}).status != 0 && vt::now_ms() < deadline)
+        usleep(10000);
+    ASSERT_TRUE(child.wait_output(20000, [](const std::string& out, const std::string&) {
+        return out.find("write result=6\n") != std::string::npos;
+    })) << child.out();
+    EXPECT_THAT(child.out(), HasSubstr("read result=3 ff 00 00 \nioctl(TIOCGICOUNT) result=0\n"
+                                       "rx=3, tx=0, parity=0, brk=1\nwrite result=6\n"));
+    EXPECT_EQ("30 2e 30 30 30 0d\n", board.ctl({"get", "opto.tx"}).out); /* "0.000\r" */
+    child.signal(SIGINT);
+    child.wait(10000);
+}
+
 } // namespace

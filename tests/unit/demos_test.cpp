@@ -1,0 +1,46 @@
+/* The USB stick test against the simulated stick. */
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "simtest.h"
+#include "testmodes.h"
+
+using testing::HasSubstr;
+using testing::internal::CaptureStderr;
+using testing::internal::GetCapturedStderr;
+
+namespace {
+
+std::string slurp(const std::string& path)
+{
+    std::ifstream f(path);
+    std::stringstream s;
+    s << f.rdbuf();
+    return s.str();
+}
+
+class UsbTest : public vt::SimTest {};
+
+TEST_F(UsbTest, WritesReadsAndVerifiesOnTheStick)
+{
+    CaptureStderr();
+    EXPECT_EQ(0, do_usbtest("/media/sda1"));
+    EXPECT_EQ("", GetCapturedStderr());
+    std::string data = slurp(sim::sandbox() + "/fs/media/sda1/storagetest");
+    EXPECT_EQ(std::string(64 * 1024, 'X'), data);
+    EXPECT_THAT(vt::entries("system"), testing::ElementsAre("system \"grep /media/sda1 /proc/mounts > /dev/null 2>&1\" 0"));
+}
+
+TEST_F(UsbTest, MissingStick)
+{
+    ASSERT_EQ("ok\n", sim::control("set usb.stick absent"));
+    CaptureStderr();
+    EXPECT_EQ(-1, do_usbtest("/media/sda1"));
+    EXPECT_EQ("ERROR: /media/sda1 not mounted\n", GetCapturedStderr());
+    EXPECT_THAT(vt::entries("system"), testing::ElementsAre(HasSubstr("/proc/mounts > /dev/null 2>&1\" 1")));
+}
+
+} // namespace

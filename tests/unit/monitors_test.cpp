@@ -1,0 +1,145 @@
+/* The event and touch monitors on the simulated input devices. They read
+ * until a read fails, so each test queues its events and then ends the
+ * device (unplugged, a fault, or a signal into the blocked read). */
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <pthread.h>
+#include <sstream>
+#include <thread>
+
+#include "guard.h"
+#include "simtest.h"
+#include "testmodes.h"
+
+using testing::internal::CaptureStderr;
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStderr;
+using testing::internal::GetCapturedStdout;
+
+namespace {
+
+class Monitors : public vt::SimTest {};
+
+/* The lines without their "%6d.%06d: " time stamps (checked for form). */
+std::vector<std::string> untimed(const std::string& out)
+{
+    std::vector<std::string> lines;
+    std::istringstream in(out);
+    for (std::string l; std::getline(in, l);) {
+        size_t colon = l.find(": ");
+        if (l.compare(0, 9, "TIMESTAMP") != 0) {
+            EXPECT_TRUE(colon != std::string::npos && colon >= 13 && colon == l.find_first_not_of(" 0123456789.") && l[colon - 7] == '.') << l;
+            l = l.substr(std::min(colon + 2, l.size()));
+        }
+        lines.push_back(l);
+    }
+    return lines;
+}
+
+TEST_F(Monitors, TouchMonitorCountsTapsDropsAndReleaseQuadrants)
+{
+    ASSERT_EQ("ok\n", sim::control("touch tap 300 200"));
+    ASSERT_EQ("ok\n", sim::control("touch dropped"));
+    ASSERT_EQ("ok\n", sim::control("touch drag 100 50 240 136 2"));
+    ASSERT_EQ("ok\n", sim::control("touch unplug"));
+    CaptureStdout();
+    CaptureStderr();
+    EXPECT_EQ(-1, do_touchmonitor());
+    std::vector<std::string> lines = untimed(GetCapturedStdout());
+    EXPECT_EQ("read: No such device\n", GetCapturedStderr());
+    ASSERT_EQ(36u, lines.size());
+    const std::vector<std::string> head = {
+        "TIMESTAMP        : COUNT  TYPE CODE VALUE",
+        "     0 0003 002f 00000000 0 0 0 0 0 0 1 -1/-1 0 0 0 0",
+        "     1 0003 0035 0000012c 0 0 0 0 0 0 2 300/-1 0 0 0 0",
+        "     2 0003 0036 000000c8 0 0 0 0 0 0 3 300/200 0 0 0 0",
+        "     3 0000 0002 00000000 0 0 0 1 0 0 3 300/200 0 0 0 0",
+        "     4 0001 014a 00000001 1 0 0 1 0 0 3 300/200 0 0 0 0",
+        "     5 0003 0000 0000012c 1 0 0 1 0 0 4 300/200 0 0 0 0",
+        "     6 0003 0001 000000c8 1 0 0 1 0 0 5 300/200 0 0 0 0",
+        "     7 0000 0000 00000000 1 0 0 1 1 0 5 300/200 0 0 0 0",
+        "     8 0000 0002 00000000 1 0 0 2 1 0 5 300/200 0 0 0 0",
+        "     9 0001 014a 00000000 1 1 0 2 1 0 5 300/200 1 0 1 0",
+        "    10 0000 0000 00000000 1 1 0 2 2 0 5 300/200 1 0 1 0",
+        "    11 0000 0003 00000000 1 1 0 2 2 1 5 300/200 1 0 1 0",
+    };
+    EXPECT_EQ(head, std::vector<std::string>(lines.begin(), lines.begin() + 13));
+    /* The drag lifts at 240/136: just left of and above the bounds. */
+    EXPECT_EQ("    34 0000 0000 00000000 2 2 0 6 6 1 18 240/136 1 1 1 1", lines.back());
+}
+
+TEST_F(Monitors, TouchMonitorEndsOnReadErrorAndMissingDevice)
+{
+    ASSERT_TRUE(sim::fault("/dev/input/event1", "read", EIO));
+    CaptureStdout();
+    CaptureStderr();
+    EXPECT_EQ(-1, do_touchmonitor());
+    EXPECT_EQ("TIMESTAMP        : COUNT  TYPE CODE VALUE\n", GetCapturedStdout());
+    EXPECT_EQ("read: Input/output error\n", GetCapturedStderr());
+
+    ASSERT_EQ("ok\n", sim::control("absent /dev/input/event1"));
+    CaptureStdout();
+    CaptureStderr();
+    EXPECT_EQ(-1, do_touchmonitor());
+    EXPECT_EQ("", GetCapturedStdout());
+    EXPECT_EQ("open: No such file or directory\n", GetCapturedStderr());
+}
+
+TEST_F(Monitors, EventMonitorEndsOnReadError)
+{
+    ASSERT_TRUE(sim::fault("/dev/input/by-path/platform-44e0b000.i2c-event", "read", EIO));
+    CaptureStdout();
+    CaptureStderr();
+    EXPECT_EQ(-1, do_eventmonitor());
+    EXPECT_EQ("", GetCapturedStdout());
+    EXPECT_EQ("read: Input/output error\n", GetCapturedStderr());
+}
+
+void no_op(int) {}
+
+TEST_F(Monitors, EventMonitorNamesScanValues)
+{
+    for (const char* c : {"button press", "pmic 0x201", "pmic 0x300", "pmic 0x999", "button release"})
+        ASSERT_EQ("ok\n", sim::control(c)) << c;
+    /* Once everything is read, a signal interrupts the blocked read. */
+    struct sigaction sa = {}, old = {};
+    sa.sa_handler = no_op;
+    ASSERT_EQ(0, sigaction(SIGUSR1, &sa, &old));
+    std::atomic<bool> done{false};
+    pthread_t monitor = pthread_self();
+    std::thread kicker([&] {
+        sim::Guard g; /* its own sleeps stay off the board */
+        while (!done) {
+            if (sim::get("button.pending") == "0")
+                pthread_kill(monitor, SIGUSR1);
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+    });
+    CaptureStdout();
+    CaptureStderr();
+    int res = do_eventmonitor();
+    done = true;
+    kicker.join();
+    sigaction(SIGUSR1, &old, nullptr);
+    EXPECT_EQ(-1, res);
+    EXPECT_EQ("read: Interrupted system call\n", GetCapturedStderr());
+    const std::vector<std::string> want = {"START pressed", "Cradle power connected", "USB power disconnected",
+                                           "unknown", "START released"};
+    EXPECT_EQ(want, untimed(GetCapturedStdout()));
+}
+
+TEST_F(Monitors, OptoTestFailsWithoutItsPort)
+{
+    ASSERT_EQ("ok\n", sim::control("absent /dev/ttyO1"));
+    CaptureStdout();
+    CaptureStderr();
+    EXPECT_EQ(-1, do_opto_rs232_test());
+    EXPECT_EQ("", GetCapturedStdout());
+    GetCapturedStderr();
+}
+
+} // namespace
