@@ -4,11 +4,8 @@
  * followed by the key and a SYN_REPORT as an input driver reports them; the
  * control face injects any other scan value (0x201/0x200 cradle power,
  * 0x301/0x300 USB power). A press wakes a suspended board. */
-#include <cstring>
-#include <deque>
-#include <linux/input.h>
-
 #include "device.h"
+#include "input_device.h"
 
 namespace sim {
 
@@ -16,7 +13,9 @@ class PowerButton : public Model {
 public:
     explicit PowerButton(Board& board) : board_(board)
     {
-        board.add_node(std::make_unique<EventNode>(*this));
+        auto node = std::make_unique<InputDevice>("/dev/input/by-path/platform-44e0b000.i2c-event");
+        dev_ = node.get();
+        board.add_node(std::move(node));
         board.add_control("button", "button press|release        the START button (a press ends a suspend)\n",
                           [this](const std::string&, const std::vector<std::string>& w) {
                               if (w.size() != 2 || (w[1] != "press" && w[1] != "release"))
@@ -33,62 +32,22 @@ public:
                               report(static_cast<int>(v));
                               return std::string("ok\n");
                           });
-        board.params().add_readonly("button.pending", [this] { return std::to_string(queue_.size()); },
+        board.params().add_readonly("button.pending", [this] { return std::to_string(dev_->pending()); },
                                     "input events not read yet");
     }
 
-    void reset() override { queue_.clear(); }
+    void reset() override { dev_->reset(); }
 
 private:
     static constexpr int kPress = 0x101;
     static constexpr int kRelease = 0x100;
 
-    /* evdev: whole events only (a shorter buffer is EINVAL), as many as
-     * fit; nothing queued would block. */
-    class EventNode : public Node {
-    public:
-        explicit EventNode(PowerButton& b) : Node("/dev/input/by-path/platform-44e0b000.i2c-event", S_IFCHR | 0640), b_(b) {}
-        int64_t read(OpenFile&, void* buf, size_t n) override
-        {
-            if (n < sizeof(struct input_event))
-                return -EINVAL;
-            if (b_.queue_.empty())
-                return -EAGAIN;
-            size_t count = 0;
-            while (!b_.queue_.empty() && (count + 1) * sizeof(struct input_event) <= n) {
-                memcpy(static_cast<char*>(buf) + count * sizeof(struct input_event), &b_.queue_.front(),
-                       sizeof(struct input_event));
-                b_.queue_.pop_front();
-                count++;
-            }
-            return static_cast<int64_t>(count * sizeof(struct input_event));
-        }
-        short poll(OpenFile&) override { return b_.queue_.empty() ? 0 : POLLIN | POLLRDNORM; }
-        int64_t write(OpenFile&, const void*, size_t) override { return -EINVAL; }
-
-    private:
-        PowerButton& b_;
-    };
-
-    void push(int type, int code, int value)
-    {
-        struct input_event ev;
-        memset(&ev, 0, sizeof ev);
-        ns_t t = clock().realtime();
-        ev.input_event_sec = static_cast<decltype(ev.input_event_sec)>(t / kSec);
-        ev.input_event_usec = static_cast<decltype(ev.input_event_usec)>((t % kSec) / 1000);
-        ev.type = static_cast<uint16_t>(type);
-        ev.code = static_cast<uint16_t>(code);
-        ev.value = value;
-        queue_.push_back(ev);
-    }
-
     void report(int scan)
     {
-        push(EV_MSC, MSC_SCAN, scan);
+        dev_->push(EV_MSC, MSC_SCAN, scan);
         if (scan == kPress || scan == kRelease)
-            push(EV_KEY, KEY_POWER, scan == kPress ? 1 : 0);
-        push(EV_SYN, SYN_REPORT, 0);
+            dev_->push(EV_KEY, KEY_POWER, scan == kPress ? 1 : 0);
+        dev_->push(EV_SYN, SYN_REPORT, 0);
         char text[16];
         snprintf(text, sizeof text, "0x%x", scan);
         board_.journal("pmic", "event", text);
@@ -97,7 +56,7 @@ private:
     }
 
     Board& board_;
-    std::deque<struct input_event> queue_;
+    InputDevice* dev_;
 };
 
 VELASIM_DEVICE(PowerButton);

@@ -9,11 +9,8 @@
  * BTN_TOUCH 0 and SYN_REPORT. The control face taps, drags, inserts a
  * SYN_DROPPED as evdev does when its buffer overflows, and unplugs the
  * device: queued events are still read, then reads fail with ENODEV. */
-#include <cstring>
-#include <deque>
-#include <linux/input.h>
-
 #include "device.h"
+#include "input_device.h"
 
 namespace sim {
 
@@ -21,53 +18,21 @@ class TouchScreen : public Model {
 public:
     explicit TouchScreen(Board& board) : board_(board)
     {
-        board.add_node(std::make_unique<EventNode>(*this));
+        auto node = std::make_unique<InputDevice>("/dev/input/event1");
+        dev_ = node.get();
+        board.add_node(std::move(node));
         board.add_control("touch",
                           "touch tap X Y|drag X1 Y1 X2 Y2 N|dropped|unplug  the touch screen (480x272)\n",
                           [this](const std::string&, const std::vector<std::string>& w) { return command(w); });
-        board.params().add_readonly("touch.pending", [this] { return std::to_string(queue_.size()); },
+        board.params().add_readonly("touch.pending", [this] { return std::to_string(dev_->pending()); },
                                     "touch events not read yet");
     }
 
-    void reset() override
-    {
-        queue_.clear();
-        unplugged_ = false;
-    }
+    void reset() override { dev_->reset(); }
 
 private:
     static constexpr int kWidth = 480;
     static constexpr int kHeight = 272;
-
-    class EventNode : public Node {
-    public:
-        explicit EventNode(TouchScreen& t) : Node("/dev/input/event1", S_IFCHR | 0640), t_(t) {}
-        int64_t read(OpenFile&, void* buf, size_t n) override
-        {
-            if (n < sizeof(struct input_event))
-                return -EINVAL;
-            if (t_.queue_.empty())
-                return t_.unplugged_ ? -ENODEV : -EAGAIN;
-            size_t count = 0;
-            while (!t_.queue_.empty() && (count + 1) * sizeof(struct input_event) <= n) {
-                memcpy(static_cast<char*>(buf) + count * sizeof(struct input_event), &t_.queue_.front(),
-                       sizeof(struct input_event));
-                t_.queue_.pop_front();
-                count++;
-            }
-            return static_cast<int64_t>(count * sizeof(struct input_event));
-        }
-        short poll(OpenFile&) override
-        {
-            if (!t_.queue_.empty())
-                return POLLIN | POLLRDNORM;
-            return t_.unplugged_ ? POLLHUP | POLLERR : 0;
-        }
-        int64_t write(OpenFile&, const void*, size_t) override { return -EINVAL; }
-
-    private:
-        TouchScreen& t_;
-    };
 
     static bool number(const std::string& s, int max, int* v)
     {
@@ -96,10 +61,10 @@ private:
             lift();
             board_.journal("touch", "drag", w[2] + " " + w[3] + " " + w[4] + " " + w[5] + " " + w[6]);
         } else if (w.size() == 2 && w[1] == "dropped") {
-            push(EV_SYN, SYN_DROPPED, 0);
+            dev_->push(EV_SYN, SYN_DROPPED, 0);
             board_.journal("touch", "dropped");
         } else if (w.size() == 2 && w[1] == "unplug") {
-            unplugged_ = true;
+            dev_->unplug();
             board_.journal("touch", "unplug");
         } else {
             return usage;
@@ -107,43 +72,29 @@ private:
         return "ok\n";
     }
 
-    void push(int type, int code, int value)
-    {
-        struct input_event ev;
-        memset(&ev, 0, sizeof ev);
-        ns_t t = clock().realtime();
-        ev.input_event_sec = static_cast<decltype(ev.input_event_sec)>(t / kSec);
-        ev.input_event_usec = static_cast<decltype(ev.input_event_usec)>((t % kSec) / 1000);
-        ev.type = static_cast<uint16_t>(type);
-        ev.code = static_cast<uint16_t>(code);
-        ev.value = value;
-        queue_.push_back(ev);
-    }
-
     void frame(int x, int y, bool down)
     {
         if (down)
-            push(EV_ABS, ABS_MT_SLOT, 0);
-        push(EV_ABS, ABS_MT_POSITION_X, x);
-        push(EV_ABS, ABS_MT_POSITION_Y, y);
-        push(EV_SYN, SYN_MT_REPORT, 0);
+            dev_->push(EV_ABS, ABS_MT_SLOT, 0);
+        dev_->push(EV_ABS, ABS_MT_POSITION_X, x);
+        dev_->push(EV_ABS, ABS_MT_POSITION_Y, y);
+        dev_->push(EV_SYN, SYN_MT_REPORT, 0);
         if (down)
-            push(EV_KEY, BTN_TOUCH, 1);
-        push(EV_ABS, ABS_X, x);
-        push(EV_ABS, ABS_Y, y);
-        push(EV_SYN, SYN_REPORT, 0);
+            dev_->push(EV_KEY, BTN_TOUCH, 1);
+        dev_->push(EV_ABS, ABS_X, x);
+        dev_->push(EV_ABS, ABS_Y, y);
+        dev_->push(EV_SYN, SYN_REPORT, 0);
     }
 
     void lift()
     {
-        push(EV_SYN, SYN_MT_REPORT, 0);
-        push(EV_KEY, BTN_TOUCH, 0);
-        push(EV_SYN, SYN_REPORT, 0);
+        dev_->push(EV_SYN, SYN_MT_REPORT, 0);
+        dev_->push(EV_KEY, BTN_TOUCH, 0);
+        dev_->push(EV_SYN, SYN_REPORT, 0);
     }
 
     Board& board_;
-    std::deque<struct input_event> queue_;
-    bool unplugged_ = false;
+    InputDevice* dev_;
 };
 
 VELASIM_DEVICE(TouchScreen);
