@@ -5,6 +5,7 @@
 
 #include <string>
 #include <sys/types.h>
+#include <unistd.h>
 #include <vector>
 
 namespace vt {
@@ -62,6 +63,19 @@ ProcessResult run_process(const std::vector<std::string>& argv, const ProcessOpt
 
 /* Milliseconds of the monotonic clock, for deadlines in tests. */
 long long now_ms();
+
+/* Waits (host time, with a deadline) until pred holds, looking every 5 ms:
+ * for what another process does, which no descriptor announces. */
+template <class Pred> bool eventually(Pred pred, int timeout_ms = 20000)
+{
+    long long deadline = now_ms() + timeout_ms;
+    while (!pred()) {
+        if (now_ms() > deadline)
+            return false;
+        usleep(5000);
+    }
+    return true;
+}
 
 template <class Pred> bool ChildProcess::wait_output(int timeout_ms, Pred pred)
 {

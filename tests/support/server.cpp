@@ -267,6 +267,16 @@ bool LineClient::closed_by_peer(int timeout_ms)
     return eof_;
 }
 
+std::string received(int fd)
+{
+    std::string out;
+    char buf[8192];
+    ssize_t n;
+    while ((n = recv(fd, buf, sizeof buf, MSG_DONTWAIT)) > 0)
+        out.append(buf, static_cast<size_t>(n));
+    return out;
+}
+
 bool is_ready_line(const std::string& line, int id)
 {
     static const std::regex ready(R"((\d+) ready( \d+\.\d{3})?)");

@@ -89,6 +89,10 @@ private:
     bool fill(int timeout_ms);
 };
 
+/* Everything a socket has received so far, without waiting (the peer end
+ * of a client slot in unit tests). */
+std::string received(int fd);
+
 /* Does line match "<id> ready <s>.<mmm>"? */
 bool is_ready_line(const std::string& line, int id);
 

@@ -60,6 +60,11 @@ std::vector<std::string> SimBoard::journal() const
     return lines;
 }
 
+bool SimBoard::await_journal(const std::string& needle, int timeout_ms) const
+{
+    return eventually([&] { return !grep(journal(), needle).empty(); }, timeout_ms);
+}
+
 std::vector<std::string> grep(const std::vector<std::string>& lines, const std::string& needle)
 {
     std::vector<std::string> out;

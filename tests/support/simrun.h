@@ -26,6 +26,8 @@ public:
     ProcessResult ctl(const std::vector<std::string>& command);
     /* Journal lines without their timestamps: "/dev/i2c-1@0x60 write 08 22". */
     std::vector<std::string> journal() const;
+    /* Waits until the journal has an entry containing needle. */
+    bool await_journal(const std::string& needle, int timeout_ms = 20000) const;
 
 private:
     std::vector<std::string> command(const std::vector<std::string>& args, bool fresh);

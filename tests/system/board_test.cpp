@@ -32,18 +32,6 @@ vt::ProcessResult ctl(const std::string& dir, std::vector<std::string> command)
     return vt::run_process(command);
 }
 
-/* Waits (host time, with a deadline) until pred holds. */
-template <class Pred> bool eventually(Pred pred, int timeout_ms = 20000)
-{
-    long long deadline = vt::now_ms() + timeout_ms;
-    while (!pred()) {
-        if (vt::now_ms() > deadline)
-            return false;
-        usleep(5000);
-    }
-    return true;
-}
-
 size_t journal_count(const std::string& dir, const std::string& needle)
 {
     std::string text = vt::read_file(dir + "/journal");
@@ -59,7 +47,7 @@ TEST(Launcher, OneProgramPerBoardDirectory)
     std::string dir = tmp.file("board");
     vt::ChildProcess first;
     ASSERT_TRUE(first.start(under_board(dir, {"/bin/sleep", "30"})));
-    ASSERT_TRUE(eventually([&] { return vt::file_exists(dir + "/control.sock"); }));
+    ASSERT_TRUE(vt::eventually([&] { return vt::file_exists(dir + "/control.sock"); }));
     vt::ProcessResult r = vt::run_process(under_board(dir, {VELATOOL_PATH, "-a"}));
     EXPECT_EQ(2, r.status);
     EXPECT_THAT(r.err, HasSubstr("velasim: the board in " + dir + " is in use by process " +
@@ -75,7 +63,7 @@ TEST(Launcher, CtlGivesUpOnABoardThatDoesNotAnswer)
     std::string dir = tmp.file("board");
     vt::ChildProcess stopped;
     ASSERT_TRUE(stopped.start(under_board(dir, {"/bin/sh", "-c", "kill -STOP $$"})));
-    ASSERT_TRUE(eventually([&] { return vt::file_exists(dir + "/control.sock"); }));
+    ASSERT_TRUE(vt::eventually([&] { return vt::file_exists(dir + "/control.sock"); }));
     vt::ProcessResult r = vt::run_process({VELASIM_PATH, "ctl", "--dir", dir, "--timeout", "0.3", "state"});
     EXPECT_EQ(2, r.status);
     EXPECT_THAT(r.err, HasSubstr("did not answer within 300 ms"));
@@ -92,7 +80,7 @@ TEST(Launcher, ASuspendEndsOnAWakeUpFromTheControlFace)
     vt::ChildProcess sleeper;
     ASSERT_TRUE(sleeper.start(
         under_board(dir, {"/bin/sh", "-c", "echo mem > /sys/power/state && echo resumed"}, "step")));
-    ASSERT_TRUE(eventually([&] { return journal_count(dir, "power suspend") == 1; }));
+    ASSERT_TRUE(vt::eventually([&] { return journal_count(dir, "power suspend") == 1; }));
     EXPECT_EQ(0, ctl(dir, {"clock", "advance", "90s"}).status);
     EXPECT_THAT(ctl(dir, {"clock"}).out, HasSubstr("\nsuspended = 90.000000\n"));
     EXPECT_EQ(1, ctl(dir, {"wake", "button", "twice"}).status);
@@ -122,7 +110,7 @@ TEST(Launcher, TheRtcRamSurvivesAKillInTheMiddleOfAWrite)
         vt::ChildProcess writer;
         ASSERT_TRUE(writer.start(under_board(dir, {"/bin/sh", "-c", loop})));
         size_t writes = static_cast<size_t>(1 + round % 7);
-        ASSERT_TRUE(eventually([&] { return journal_count(dir, "nvram write") >= writes; }));
+        ASSERT_TRUE(vt::eventually([&] { return journal_count(dir, "nvram write") >= writes; }));
         writer.signal(SIGKILL);
         writer.wait(10000);
         std::string data = vt::read_file(nvram);

@@ -18,9 +18,7 @@ TEST(FbTestAction, DrawsTheBandsAndTakesAScreenshot)
 
     vt::ChildProcess child;
     ASSERT_TRUE(board.start(child, {"-S"}));
-    long long deadline = vt::now_ms() + 20000;
-    while (vt::grep(board.journal(), "power suspend").empty() && vt::now_ms() < deadline)
-        usleep(10000);
+    ASSERT_TRUE(board.await_journal("power suspend"));
     auto pixel = [&](int x, int y) { return board.ctl({"pixel", std::to_string(x), std::to_string(y)}).out; };
     /* Band k starts at row 272*k/7: 0, 38, 77, 116, 155, 194, 233. */
     EXPECT_EQ("0x8000\n", pixel(0, 37));

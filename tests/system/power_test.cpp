@@ -63,9 +63,7 @@ TEST(PowerActions, SuspendUntilWokenUp)
     vt::SimBoard board("[clock]\nmode = step\n");
     vt::ChildProcess child;
     ASSERT_TRUE(board.start(child, {"-S"}));
-    long long deadline = vt::now_ms() + 20000;
-    while (vt::grep(board.journal(), "power suspend").empty() && vt::now_ms() < deadline)
-        usleep(10000);
+    ASSERT_TRUE(board.await_journal("power suspend"));
     EXPECT_EQ(0, board.ctl({"wake", "button"}).status);
     ASSERT_TRUE(child.wait(20000));
     EXPECT_EQ(0, child.status());
@@ -109,9 +107,7 @@ TEST(PowerActions, ChargerMonitor)
     vt::SimBoard board("[clock]\nmode = step\n");
     vt::ChildProcess child;
     ASSERT_TRUE(board.start(child, {"-C"}));
-    long long deadline = vt::now_ms() + 20000;
-    while (vt::grep(board.journal(), "chgint/edge write falling").empty() && vt::now_ms() < deadline)
-        usleep(10000);
+    ASSERT_TRUE(board.await_journal("chgint/edge write falling"));
     for (int i = 0; i < 2; i++)
         board.ctl({"clock", "advance", "10s"});
     board.ctl({"set", "supply.external_v", "5"});
@@ -132,9 +128,7 @@ TEST(TestModes, OptoPortTestCountsBreaks)
     ASSERT_TRUE(child.wait_output(20000, [](const std::string& out, const std::string&) {
         return out.find("Press button on Opto-RS232 cable to generate break.\n") != std::string::npos;
     })) << child.out();
-    long long deadline = vt::now_ms() + 20000;
-    while (board.ctl({"set", "opto.rx", "break"}).status != 0 && vt::now_ms() < deadline)
-        usleep(10000);
+    ASSERT_EQ(0, board.ctl({"set", "opto.rx", "break"}).status);
     ASSERT_TRUE(child.wait_output(20000, [](const std::string& out, const std::string&) {
         return out.find("write result=6\n") != std::string::npos;
     })) << child.out();

@@ -13,6 +13,7 @@
 /* The simulation has a commands.h of its own (simulated shell commands). */
 #include "commands.h"
 #include "configtest.h"
+#include "server.h"
 #include "power.h"
 #include "pstate.h"
 #include "util.h"
@@ -68,15 +69,7 @@ protected:
         return replies(i);
     }
     /* Everything client i has received since the last call. */
-    std::string replies(int i)
-    {
-        std::string out;
-        char buf[8192];
-        ssize_t n;
-        while ((n = recv(sv_[i][1], buf, sizeof buf, MSG_DONTWAIT)) > 0)
-            out.append(buf, static_cast<size_t>(n));
-        return out;
-    }
+    std::string replies(int i) { return vt::received(sv_[i][1]); }
     /* Waits for the next expiry of the autoinfo timer and serves it as the
      * main loop does; the board time that passed, ms. */
     int64_t tick()

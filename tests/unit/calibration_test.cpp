@@ -12,6 +12,7 @@
 #include "aquisition.h"
 #include "calibration.h"
 #include "configtest.h"
+#include "server.h"
 #include "messages.h"
 #include "mtrace.h"
 #include "util.h"
@@ -84,17 +85,8 @@ protected:
         usleep(20000);
     }
 
-    static std::string recv_all(int fd)
-    {
-        std::string out;
-        char buf[4096];
-        ssize_t n;
-        while ((n = recv(fd, buf, sizeof buf, MSG_DONTWAIT)) > 0)
-            out.append(buf, static_cast<size_t>(n));
-        return out;
-    }
-    std::string replies() { return recv_all(sv_[1]); }
-    std::string other_replies() { return recv_all(other_[1]); }
+    std::string replies() { return vt::received(sv_[1]); }
+    std::string other_replies() { return vt::received(other_[1]); }
 
     /* A get handler's value, or "!" and its error line when it fails. */
     std::string get(int (*cb)(client_s*, char*))

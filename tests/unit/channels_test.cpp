@@ -12,6 +12,7 @@
 
 #include "channels.h"
 #include "configtest.h"
+#include "server.h"
 #include "mtrace.h"
 #include "opto.h"
 #include "power.h"
@@ -95,15 +96,7 @@ protected:
         return cb_capabilities(&client_, argc, argv_.data());
     }
     /* Everything the client has received since the last call. */
-    std::string replies()
-    {
-        std::string out;
-        char buf[8192];
-        ssize_t n;
-        while ((n = recv(sv_[1], buf, sizeof buf, MSG_DONTWAIT)) > 0)
-            out.append(buf, static_cast<size_t>(n));
-        return out;
-    }
+    std::string replies() { return vt::received(sv_[1]); }
     std::string get(const std::string& names)
     {
         EXPECT_EQ(0, run(names.empty() ? "get" : "get " + names));

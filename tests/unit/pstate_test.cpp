@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "configtest.h"
+#include "server.h"
 #include "power.h"
 #include "pstate.h"
 #include "util.h"
@@ -75,15 +76,7 @@ protected:
         return atoi(value);
     }
     /* Everything the client has received since the last call. */
-    std::string replies()
-    {
-        std::string out;
-        char buf[4096];
-        ssize_t n;
-        while ((n = recv(sv_[1], buf, sizeof buf, MSG_DONTWAIT)) > 0)
-            out.append(buf, static_cast<size_t>(n));
-        return out;
-    }
+    std::string replies() { return vt::received(sv_[1]); }
     /* The wake-up alarms as wall-clock seconds. */
     std::vector<time_t> alarms()
     {
