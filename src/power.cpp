@@ -178,19 +178,6 @@ static const char chgint_edge_path[] = "/sys/class/gpio/chgint/edge";
 static const char chgint_value_path[] = "/sys/class/gpio/chgint/value";
 static const int DETECT_POLLS_MAX = 2000; /* 1 ms apart */
 
-/* Register bits */
-enum {
-    REG2_RESET = 0x80,
-    REG2_IUSB_MASK = 0x70,
-    REG2_IUSB_500MA = 0x20,
-    REG2_CE_DISABLE = 0x02,
-    REG2_HZ_MODE = 0x01,
-    REG3_VBREG_MASK = 0xfc,
-    REG3_VBREG = 0x64,
-    REG3_DPDM_EN = 0x01,
-    REG5_ICHG_ITERM = 0x62,
-};
-
 /* Opens the bus at the charger's address; the name is the caller's, for its
  * traces. */
 static int charger_open(const char* who)

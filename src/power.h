@@ -24,6 +24,31 @@ enum {
     BATT_LEVEL_GOOD = 3,
 };
 
+/* bq24160 register fields the driver and the power events use */
+enum {
+    REG0_STAT_MASK = 0x70,
+    STAT_NO_SOURCE = 0x00,
+    STAT_IN_READY = 0x10,
+    STAT_USB_READY = 0x20,
+    STAT_CHARGING_IN = 0x30,
+    STAT_CHARGING_USB = 0x40,
+    STAT_DONE = 0x50,
+    FAULT_THERMAL = 1,
+    FAULT_BATTERY = 7,
+    REG1_USB_MASK = 0x30,
+    REG1_USB_UVLO = 0x30,
+    REG2_RESET = 0x80,
+    REG2_IUSB_MASK = 0x70,
+    REG2_IUSB_500MA = 0x20,
+    REG2_IUSB_CODE5 = 0x50,
+    REG2_CE_DISABLE = 0x02,
+    REG2_HZ_MODE = 0x01,
+    REG3_VBREG_MASK = 0xfc,
+    REG3_VBREG = 0x64,
+    REG3_DPDM_EN = 0x01,
+    REG5_ICHG_ITERM = 0x62,
+};
+
 struct charger_state_s {
     uint8_t regs[8]; /* last image of charger registers 0..7 */
     int fd;          /* charger-interrupt GPIO value file, -1 when closed */
