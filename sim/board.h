@@ -211,6 +211,11 @@ public:
     std::string check_path(const std::string& path) const;
     void set_absent(const std::string& path, bool absent);
     bool absent(const std::string& path) const;
+    /* The medium behind a redirected folder (a mounted stick): writable,
+     * read-only (writes fail with EROFS) or full (ENOSPC). */
+    enum class Medium { Writable, ReadOnly, Full };
+    void set_medium(const std::string& folder, Medium m);
+    Medium medium(const std::string& path) const;
 
     /* Descriptors */
     int install(std::shared_ptr<OpenFile> of, int min_fd = 0, bool cloexec = true);
@@ -303,6 +308,7 @@ private:
     std::vector<std::unique_ptr<Node>> node_store_;
     std::map<std::string, Node*> nodes_;
     std::vector<std::string> absent_;
+    std::map<std::string, Medium> media_;
     std::map<int, std::shared_ptr<OpenFile>> files_;
     std::map<void*, Node*> maps_;
     std::vector<Model*> models_;

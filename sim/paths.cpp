@@ -144,4 +144,22 @@ bool Board::absent(const std::string& path) const
     return std::any_of(absent_.begin(), absent_.end(), [&](const std::string& a) { return path_has_prefix(path, a); });
 }
 
+void Board::set_medium(const std::string& folder, Medium m)
+{
+    std::lock_guard<std::recursive_mutex> lock(mu_);
+    std::string p = normalize_path(folder.c_str());
+    if (m == Medium::Writable)
+        media_.erase(p);
+    else
+        media_[p] = m;
+}
+
+Board::Medium Board::medium(const std::string& path) const
+{
+    for (const auto& [folder, m] : media_)
+        if (path_has_prefix(path, folder))
+            return m;
+    return Medium::Writable;
+}
+
 } // namespace sim

@@ -82,6 +82,16 @@ struct Resolved {
     Node* node = nullptr;
     std::string path;    /* normalised board path */
     std::string sandbox; /* backing file for Sandbox and Directory */
+    Board::Medium medium = Board::Medium::Writable; /* of a Sandbox file */
+
+    /* What changing a sandbox file costs on its medium: 0, EROFS, or
+     * ENOSPC when the change needs space (a new name, data). */
+    int change_error(bool needs_space) const
+    {
+        if (medium == Board::Medium::ReadOnly)
+            return EROFS;
+        return needs_space && medium == Board::Medium::Full ? ENOSPC : 0;
+    }
 };
 
 Resolved resolve(int dirfd, const char* path);

@@ -28,6 +28,7 @@ Resolved resolve(int dirfd, const char* path)
     } else if (b.redirected(r.path)) {
         r.kind = Resolved::Sandbox;
         r.sandbox = b.fs_path(r.path);
+        r.medium = b.medium(r.path);
     } else if (b.is_dir(r.path)) {
         r.kind = Resolved::Directory;
         r.sandbox = b.fs_path(r.path);
@@ -40,6 +41,21 @@ Resolved resolve(int dirfd, const char* path)
 } // namespace sim
 
 namespace {
+
+/* A file opened for writing on a full medium: the name exists (a FAT
+ * directory entry costs no cluster) but every write fails with ENOSPC, as
+ * on the kernel's /dev/full, which takes the descriptor's place. */
+void write_to_full_medium(const Resolved& res, int fd)
+{
+    if (res.medium != Board::Medium::Full)
+        return;
+    int full = SIM_REAL(openat)(AT_FDCWD, "/dev/full", O_WRONLY | O_CLOEXEC, 0);
+    if (full < 0)
+        return;
+    int flags = fcntl(fd, F_GETFD);
+    dup3(full, fd, (flags & FD_CLOEXEC) ? O_CLOEXEC : 0);
+    close(full);
+}
 
 /* fopen() of a device: a stdio stream over the board descriptor. */
 ssize_t cookie_read(void* c, char* buf, size_t n)
@@ -108,8 +124,15 @@ int sim_openat(int* r, int dirfd, const char* path, int flags, unsigned mode)
         std::filesystem::create_directories(res.sandbox, ec);
         return real_result(r, c.err, SIM_REAL(openat)(AT_FDCWD, res.sandbox.c_str(), flags, mode));
     }
-    case Resolved::Sandbox:
-        return real_result(r, c.err, SIM_REAL(openat)(AT_FDCWD, res.sandbox.c_str(), flags, mode));
+    case Resolved::Sandbox: {
+        bool writes = (flags & O_ACCMODE) != O_RDONLY || (flags & O_TRUNC) != 0;
+        if (writes && res.medium == Board::Medium::ReadOnly)
+            return fail(r, c.err, EROFS);
+        int fd = SIM_REAL(openat)(AT_FDCWD, res.sandbox.c_str(), flags, mode);
+        if (fd >= 0 && writes)
+            write_to_full_medium(res, fd);
+        return real_result(r, c.err, fd);
+    }
     }
     return 0;
 }
@@ -126,10 +149,19 @@ int sim_fopen(FILE** r, const char* path, const char* mode)
         *r = nullptr;
         c.err.fail(res.kind == Resolved::Absent ? ENOENT : EISDIR);
         return 1;
-    case Resolved::Sandbox:
+    case Resolved::Sandbox: {
+        bool writes = mode[0] != 'r' || strchr(mode, '+') != nullptr;
+        if (writes && res.medium == Board::Medium::ReadOnly) {
+            *r = nullptr;
+            c.err.fail(EROFS);
+            return 1;
+        }
         *r = SIM_REAL(fopen)(res.sandbox.c_str(), mode);
+        if (*r != nullptr && writes)
+            write_to_full_medium(res, fileno(*r));
         c.err.keep_current();
         return 1;
+    }
     case Resolved::NodeFile: {
         Board& b = Board::get();
         std::lock_guard<std::recursive_mutex> lock(b.mutex());
@@ -224,6 +256,8 @@ int sim_unlink(int* r, const char* path, int flags)
         return 0;
     if (int err = c.sandbox_only())
         return fail(r, c.err, err);
+    if (int err = c.res.change_error(false))
+        return fail(r, c.err, err);
     const char* sb = c.res.sandbox.c_str();
     return real_result(r, c.err, flags ? SIM_REAL(rmdir)(sb) : SIM_REAL(unlink)(sb));
 }
@@ -235,6 +269,8 @@ int sim_mkdir(int* r, const char* path, mode_t mode)
         return 0;
     if (int err = c.sandbox_only())
         return fail(r, c.err, err);
+    if (int err = c.res.change_error(true))
+        return fail(r, c.err, err);
     return real_result(r, c.err, SIM_REAL(mkdir)(c.res.sandbox.c_str(), mode));
 }
 
@@ -244,6 +280,8 @@ int sim_symlink(int* r, const char* target, const char* path)
     if (!c.ours())
         return 0;
     if (int err = c.sandbox_only())
+        return fail(r, c.err, err);
+    if (int err = c.res.change_error(true))
         return fail(r, c.err, err);
     Board::get().journal(c.res.path, "symlink", target);
     return real_result(r, c.err, SIM_REAL(symlink)(target, c.res.sandbox.c_str()));
@@ -271,6 +309,10 @@ int sim_rename(int* r, const char* from, const char* to)
         return 0;
     if (a.kind != Resolved::Sandbox || b.kind != Resolved::Sandbox)
         return fail(r, e, a.kind == Resolved::NotOurs || b.kind == Resolved::NotOurs ? EXDEV : EPERM);
+    if (int err = a.change_error(false))
+        return fail(r, e, err);
+    if (int err = b.change_error(false))
+        return fail(r, e, err);
     return real_result(r, e, SIM_REAL(rename)(a.sandbox.c_str(), b.sandbox.c_str()));
 }
 
@@ -280,6 +322,8 @@ int sim_mkstemp(int* r, char* tmpl)
     if (!c.ours())
         return 0;
     if (int err = c.sandbox_only())
+        return fail(r, c.err, err);
+    if (int err = c.res.change_error(true))
         return fail(r, c.err, err);
     /* Make the file in the sandbox, then hand the chosen name back in the
      * caller's template so that its later rename() finds it. */
