@@ -51,7 +51,10 @@ static int text_line(struct client_s* client, int id, const char* kind, const ch
     if (client->sock < 0)
         return -1;
     char line[REMOTE_LINE_MAX];
-    snprintf(line, sizeof line, "%d %s %s\n", id, kind, text);
+    int n = snprintf(line, sizeof line, "%d %s %s\n", id, kind, text);
+    /* A text too long for the line is cut, but the line still ends. */
+    if (n >= (int)sizeof line)
+        line[sizeof line - 2] = '\n';
     MTRACE(3, "%s(): %s", who, line);
     return sock_puts(client->sock, line);
 }

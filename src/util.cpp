@@ -3,6 +3,7 @@
 #include <ctype.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -139,7 +140,7 @@ int util_ini_read(void)
 
     if (MIniData_GetDoubleEntry(h, "motor", "x_corr", &d)) {
         MTRACE(4, "x_corr=%f", d);
-        if (d > 1.3 || d < 0.7) {
+        if (!(d >= 0.7 && d <= 1.3)) { /* NaN too */
             state.x_corr = 1.0;
             MTRACE(4, "x_corr clamped to %f", 1.0);
         } else {
@@ -189,7 +190,8 @@ int util_ini_read(void)
     state.suspend_interval_time = 600;
     if (MIniData_GetLongEntry(h, "battery", "suspend_interval_time", &l)) {
         MTRACE(4, "suspend_interval_time=%ld", l);
-        state.suspend_interval_time = (int)l;
+        /* saturated: a value beyond an int must not wrap into the range */
+        state.suspend_interval_time = l > INT_MAX ? INT_MAX : l < INT_MIN ? INT_MIN : (int)l;
     }
     if (state.suspend_interval_time < 10)
         state.suspend_interval_time = 10;
