@@ -1,0 +1,111 @@
+/* Shared by the fuzz targets: a scratch folder for the files the code under
+ * test reads and writes, whole-file helpers and a failure that stops the
+ * fuzzer with a message. */
+#ifndef VELA_FUZZ_SUPPORT_H
+#define VELA_FUZZ_SUPPORT_H
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+namespace fz {
+
+/* Standard error as it was at start: the fuzzer may close the program's own
+ * (-close_fd_mask) to keep the code's traces out of its output. */
+inline const int report_fd = dup(2);
+
+[[noreturn]] inline void fail(const char* target, const std::string& what)
+{
+    dprintf(report_fd >= 0 ? report_fd : 2, "%s: %s\n", target, what.c_str());
+    abort();
+}
+
+/* A folder that lives as long as the process; in memory where possible,
+ * since every input writes and syncs files. Removed at exit. */
+inline const std::string& scratch_dir()
+{
+    static std::string dir = [] {
+        const char* base = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
+        std::string tmpl = std::string(base) + "/velafuzz.XXXXXX";
+        if (mkdtemp(&tmpl[0]) == nullptr)
+            fail("fuzz", "mkdtemp failed");
+        static std::string cleanup_cmd = "rm -rf '" + tmpl + "'";
+        atexit([] {
+            if (system(cleanup_cmd.c_str()) != 0)
+                fprintf(stderr, "fuzz: could not remove the scratch folder\n");
+        });
+        return tmpl;
+    }();
+    return dir;
+}
+
+inline void write_file(const std::string& path, const std::string& text)
+{
+    FILE* f = fopen(path.c_str(), "wb");
+    if (f == nullptr || fwrite(text.data(), 1, text.size(), f) != text.size() || fclose(f) != 0)
+        fail("fuzz", "cannot write " + path);
+}
+
+/* The file's bytes; false when it does not exist. */
+inline bool read_file(const std::string& path, std::string* text)
+{
+    FILE* f = fopen(path.c_str(), "rb");
+    if (f == nullptr)
+        return false;
+    text->clear();
+    char buf[4096];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof buf, f)) > 0)
+        text->append(buf, n);
+    fclose(f);
+    return true;
+}
+
+inline bool exists(const std::string& path)
+{
+    struct stat st;
+    return stat(path.c_str(), &st) == 0;
+}
+
+/* Descriptors are handed out lowest first: if the lowest free one has moved
+ * up by the end of an input, the code under test kept one open. (Compared
+ * within one input only: the fuzzer itself opens pipes to its symbolizer
+ * as it goes.) */
+inline int lowest_free_descriptor()
+{
+    int fd = dup(0);
+    if (fd >= 0)
+        close(fd);
+    return fd;
+}
+
+inline void check_descriptors(const char* target, int before)
+{
+    int fd = lowest_free_descriptor();
+    if (fd != before) {
+        char link[256] = "";
+        ssize_t n = readlink(("/proc/self/fd/" + std::to_string(before)).c_str(), link, sizeof link - 1);
+        link[n > 0 ? n : 0] = '\0';
+        fail(target, "a descriptor was left open: " + std::to_string(before) + " -> " + link);
+    }
+}
+
+/* A small generator, so that one input byte steers a sequence of choices. */
+struct Choices {
+    uint32_t s;
+    explicit Choices(uint32_t seed) : s(seed * 2654435761u + 1) {}
+    uint32_t next(uint32_t n)
+    {
+        s = s * 1103515245u + 12345u;
+        return n == 0 ? 0 : (s >> 8) % n;
+    }
+};
+
+} // namespace fz
+
+#endif
