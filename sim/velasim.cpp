@@ -44,9 +44,12 @@ std::string preload_library()
     ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
     if (n > 0) {
         self[n] = '\0';
-        fs::path lib = fs::path(self).parent_path() / "libvelasim.so";
-        if (fs::exists(lib))
-            return lib.string();
+        /* Beside the launcher in a build tree, in ../lib/velasim when
+         * installed. */
+        fs::path bin = fs::path(self).parent_path();
+        for (const fs::path& lib : {bin / "libvelasim.so", bin / ".." / "lib" / "velasim" / "libvelasim.so"})
+            if (fs::exists(lib))
+                return fs::weakly_canonical(lib).string();
     }
 #ifdef LIBVELASIM_DEFAULT
     return LIBVELASIM_DEFAULT;
@@ -141,14 +144,32 @@ int run(int argc, char** argv)
     const char* old = getenv("LD_PRELOAD");
     if (old != nullptr && *old != '\0')
         preload += std::string(":") + old;
-    setenv("LD_PRELOAD", preload.c_str(), 1);
     setenv("VELASIM_DIR", dir.c_str(), 1);
     if (!clock.empty())
         setenv("VELASIM_CLOCK", clock.c_str(), 1);
     else
         unsetenv("VELASIM_CLOCK");
-    execvp(argv[i], argv + i);
-    fprintf(stderr, "velasim: %s: %s\n", argv[i], strerror(errno));
+    /* A program for another machine runs under the emulator named in
+     * VELASIM_EMULATOR (e.g. "qemu-arm -L /usr/arm-linux-gnueabihf"); the
+     * board is preloaded into the emulated program, not the emulator. */
+    std::vector<std::string> words;
+    if (const char* emulator = getenv("VELASIM_EMULATOR"); emulator != nullptr && *emulator != '\0') {
+        std::istringstream in(emulator);
+        for (std::string w; in >> w;)
+            words.push_back(w);
+        words.push_back("-E");
+        words.push_back("LD_PRELOAD=" + preload);
+    } else {
+        setenv("LD_PRELOAD", preload.c_str(), 1);
+    }
+    std::vector<char*> args;
+    for (std::string& w : words)
+        args.push_back(w.data());
+    for (int k = i; k < argc; k++)
+        args.push_back(argv[k]);
+    args.push_back(nullptr);
+    execvp(args[0], args.data());
+    fprintf(stderr, "velasim: %s: %s\n", args[0], strerror(errno));
     return 127;
 }
 

@@ -1,5 +1,7 @@
 #include "process.h"
 
+#include "emulator.h"
+
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -62,7 +64,7 @@ bool ChildProcess::start(const std::vector<std::string>& argv, const ProcessOpti
     for (std::string& s : env_strings)
         envp.push_back(s.data());
     envp.push_back(nullptr);
-    std::vector<std::string> args = argv;
+    std::vector<std::string> args = emulated(argv);
     std::vector<char*> argp;
     for (std::string& s : args)
         argp.push_back(s.data());

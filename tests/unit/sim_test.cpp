@@ -291,7 +291,9 @@ TEST_F(Board, ChildProcessesStayOutOfTheBoard)
     EXPECT_TRUE(vt::file_exists(dir + "/lock"));
 
     /* An exec'd child with the board preloaded finds the board held by its
-     * parent and stays out of it, quietly. */
+     * parent and stays out of it, quietly. (The child is the host's shell,
+     * which cannot load a board built for another machine.) */
+#ifndef VELA_EMULATOR
     vt::ProcessOptions opts;
     opts.env = {"VELASIM_DIR=" + dir, std::string("LD_PRELOAD=") + VELASIM_PRELOAD};
     vt::ProcessResult r =
@@ -299,6 +301,7 @@ TEST_F(Board, ChildProcessesStayOutOfTheBoard)
     EXPECT_EQ("outside\n", r.out);
     EXPECT_EQ("", r.err);
     EXPECT_EQ(std::to_string(getpid()) + "\n", vt::read_file(dir + "/lock"));
+#endif
     int fd = open(kValue, O_RDONLY);
     EXPECT_GE(fd, 0); /* and the board still works */
     close(fd);
