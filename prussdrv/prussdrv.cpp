@@ -1,6 +1,7 @@
 #include "prussdrv.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -276,6 +277,19 @@ int prussdrv_pru_wait_event(unsigned int host_interrupt)
     if (read(drv.fd[host_interrupt], &count, sizeof count) != (ssize_t)sizeof count)
         return -1;
     return (int)count;
+}
+
+int prussdrv_pru_wait_event_timeout(unsigned int host_interrupt, int time_us)
+{
+    if (host_interrupt >= NUM_PRU_HOSTIRQS || drv.fd[host_interrupt] < 0)
+        return -1;
+    struct pollfd p = {drv.fd[host_interrupt], POLLIN, 0};
+    int ready = poll(&p, 1, time_us < 0 ? -1 : (time_us + 999) / 1000);
+    if (ready < 0)
+        return -1;
+    if (ready == 0)
+        return 0;
+    return prussdrv_pru_wait_event(host_interrupt);
 }
 
 int prussdrv_pru_clear_event(unsigned int host_interrupt, unsigned int sysevent)

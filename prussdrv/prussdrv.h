@@ -70,6 +70,9 @@ int prussdrv_pru_disable(unsigned int pru);
 
 /* Blocks until the host interrupt fires; returns its total count, or -1. */
 int prussdrv_pru_wait_event(unsigned int host_interrupt);
+/* As prussdrv_pru_wait_event, giving up after time_us microseconds: the
+ * event count, 0 on time-out, -1 on error. */
+int prussdrv_pru_wait_event_timeout(unsigned int host_interrupt, int time_us);
 /* Clears a system event and re-arms the host interrupt the kernel disabled. */
 int prussdrv_pru_clear_event(unsigned int host_interrupt, unsigned int sysevent);
 int prussdrv_pru_send_event(unsigned int sysevent);

@@ -134,17 +134,26 @@ private:
 
 struct Fault {
     std::string device;
-    std::string op;         /* "read", "write", "open", "seek", "ioctl" */
+    std::string op;         /* "read", "write", "open", "seek", "ioctl"; on a
+                               redirected path also "fsync" and "rename" */
     unsigned long request = 0; /* op "ioctl": only this request; 0 = any */
-    int err = 0;            /* errno to fail with; 0 with is_short */
+    int err = 0;            /* errno to fail with; 0 with is_short or cut */
     bool is_short = false;
+    /* A power cut: the process dies (SIGKILL) at the call, before it takes
+     * effect; a write lets `keep` bytes through first. */
+    bool cut = false;
+    size_t keep = 0;
     int count = 1;          /* calls left to fail; -1 = always */
+    int skip = 0;           /* matching calls let through before the first failure */
+    bool below = false;     /* a redirected path: covers the files below it too */
 };
 
 struct FaultHit {
     bool hit = false;
     int err = 0;
     bool is_short = false;
+    bool cut = false;
+    size_t keep = 0;
 };
 
 /* How a device type is made: its dependencies are built first and handed to
@@ -250,6 +259,16 @@ public:
     std::string add_fault(const Fault& f);
     FaultHit take_fault(const std::string& device, const std::string& op, unsigned long request = 0);
     void clear_faults();
+    /* Whether a fault on a redirected path is armed: only then do the calls
+     * on plain descriptors look up which file they are on. */
+    static bool sandbox_faults_armed();
+    /* The board path of the redirected file or folder behind a plain
+     * descriptor; "" for anything else. */
+    std::string sandbox_path_of(int fd);
+    /* The power goes: journaled as "DEVICE cut OP [DETAILS]", then the
+     * program dies with SIGKILL. In-process boards (unit tests) only journal
+     * it and return, the caller then fails the call with EIO. */
+    void power_cut(const std::string& device, const std::string& op, const std::string& details = "");
 
     /* Suspend: the caller sleeps, board time going on and the monotonic
      * clock stopped, until wake() names a reason. */
@@ -317,6 +336,8 @@ private:
     Params params_;
     std::vector<Fault> faults_;
     std::map<std::string, std::vector<std::string>> fault_targets_;
+    void rearm_sandbox_faults();
+    std::string fs_real_; /* the sandbox's fs/ as the kernel names it (symlinks resolved) */
     int journal_fd_ = -1;
     int control_fd_ = -1;
     std::mutex control_serving_; /* one thread serves the control socket */

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <functional>
 #include <map>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <sstream>
@@ -26,10 +27,14 @@ const char kHelp[] =
     "state                        every value, 'key = value'\n"
     "journal                      the journal lines\n"
     "journal-clear                empty the journal\n"
-    "fault DEVICE OP ERR [COUNT]  the next COUNT (default 1, or 'always') OP calls of\n"
-    "                             DEVICE fail with errno ERR (e.g. EREMOTEIO) or, with\n"
-    "                             ERR 'short', transfer one byte less; OP 'ioctl:NAME'\n"
-    "                             fails one request only (ioctl:RTC_WKALM_SET)\n"
+    "fault DEVICE OP ERR [COUNT] [after N]\n"
+    "                             the next COUNT (default 1, or 'always') OP calls of\n"
+    "                             DEVICE, after N that pass, fail with errno ERR (e.g.\n"
+    "                             EREMOTEIO) or, with ERR 'short', transfer one byte\n"
+    "                             less; ERR 'cut' or 'cut:K' cuts the power there (a\n"
+    "                             write passes K bytes first); OP 'ioctl:NAME' fails one\n"
+    "                             request only (ioctl:RTC_WKALM_SET); a redirected path\n"
+    "                             (/var/opt/...) covers its files, OP also fsync, rename\n"
     "absent PATH [1|0]            make a file or device disappear (or come back)\n"
     "faults-clear                 remove every fault and absence\n"
     "clock                        mode, board time, monotonic, realtime, time suspended\n"
@@ -183,21 +188,39 @@ std::string Board::control(const std::string& line)
         journal_clear();
         return "ok\n";
     }
-    if (cmd == "fault" && (w.size() == 4 || w.size() == 5)) {
+    if (cmd == "fault" && w.size() >= 4 && w.size() <= 7) {
         Fault f;
         f.device = w[1];
         f.op = w[2];
         if (w[3] == "short") {
             f.is_short = true;
+        } else if (w[3] == "cut" || w[3].compare(0, 4, "cut:") == 0) {
+            f.cut = true;
+            if (w[3].size() > 4) {
+                char* end = nullptr;
+                long keep = strtol(w[3].c_str() + 4, &end, 10);
+                if (*end != '\0' || keep < 0 || end == w[3].c_str() + 4)
+                    return error("bad byte count in '" + w[3] + "'");
+                f.keep = static_cast<size_t>(keep);
+            }
         } else {
             f.err = errno_from_name(w[3]);
             if (f.err == 0)
                 return error("unknown errno '" + w[3] + "'");
         }
-        if (w.size() == 5) {
-            f.count = w[4] == "always" ? -1 : atoi(w[4].c_str());
-            if (f.count <= 0 && w[4] != "always")
-                return error("bad count '" + w[4] + "'");
+        size_t i = 4;
+        if (i < w.size() && w[i] != "after") {
+            f.count = w[i] == "always" ? -1 : atoi(w[i].c_str());
+            if (f.count <= 0 && w[i] != "always")
+                return error("bad count '" + w[i] + "'");
+            i++;
+        }
+        if (i < w.size()) {
+            if (w[i] != "after" || i + 2 != w.size())
+                return error("bad command '" + line + "' (try 'help')");
+            f.skip = atoi(w[i + 1].c_str());
+            if (f.skip < 0 || w[i + 1].find_first_not_of("0123456789") != std::string::npos)
+                return error("bad count '" + w[i + 1] + "'");
         }
         return reply(add_fault(f));
     }

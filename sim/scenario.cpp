@@ -110,6 +110,7 @@ std::string Board::reset(const std::string& scenario)
 {
     std::lock_guard<std::recursive_mutex> lock(mu_);
     faults_.clear();
+    rearm_sandbox_faults();
     absent_.clear();
     maps_.clear();
     scenario_ = scenario;

@@ -118,7 +118,8 @@ int sim_mkdir(int* r, const char* path, mode_t mode);
 int sim_symlink(int* r, const char* target, const char* path);
 int sim_readlink(ssize_t* r, const char* path, char* buf, size_t n);
 int sim_rename(int* r, const char* from, const char* to);
-int sim_mkstemp(int* r, char* tmpl);
+int sim_mkstemp(int* r, char* tmpl, int flags);
+int sim_fsync(int* r, int fd);
 int sim_system(int* r, const char* command);
 
 #ifdef __cplusplus

@@ -60,12 +60,17 @@ struct FdCall {
     bool ours() const { return of != nullptr; }
 
     /* An injected fault of op: its errno, or 0 (a "short" fault takes one
-     * byte off *n; without n it is an I/O error). */
+     * byte off *n; without n it is an I/O error). A power cut ends the
+     * program here. */
     int fault(const char* op, size_t* n = nullptr, unsigned long request = 0)
     {
         FaultHit f = board->take_fault(of->node->path(), op, request);
         if (!f.hit)
             return 0;
+        if (f.cut) {
+            board->power_cut(of->node->path(), op);
+            return EIO;
+        }
         if (!f.is_short)
             return f.err;
         if (n == nullptr)

@@ -2,6 +2,7 @@
  * board's. Anything else returns 0 at once so that the real function runs. */
 #include <algorithm>
 #include <cstring>
+#include <functional>
 #include <map>
 #include <sys/mman.h>
 #include <sys/sysmacros.h>
@@ -73,9 +74,54 @@ int64_t write_node(FdCall& c, const void* buf, size_t n)
 {
     if ((c.of->flags & O_ACCMODE) == O_RDONLY)
         return -EBADF;
-    if (int err = c.fault("write", &n))
-        return -err;
+    const std::string& path = c.of->node->path();
+    FaultHit f = c.board->take_fault(path, "write");
+    if (f.cut) {
+        /* the device took the first bytes when the power went */
+        size_t keep = std::min(f.keep, n);
+        int64_t at = c.of->pos;
+        if (keep > 0)
+            c.of->node->write(*c.of, buf, keep);
+        /* what the program meant to write, for a test to tell old from new */
+        c.board->power_cut(path, "write",
+                           "@" + std::to_string(at) + " " + std::to_string(keep) + "/" + std::to_string(n) + " " +
+                               hex_bytes(buf, n));
+        return -EIO;
+    }
+    if (f.hit && !f.is_short)
+        return -f.err;
+    if (f.hit && n > 0)
+        n--;
     return c.of->node->write(*c.of, buf, n);
+}
+
+/* A fault on a redirected file (or folder) behind a plain descriptor, as
+ * when the program saves a file under /var/opt: 1 with the result in *r
+ * when one struck, else 0 and the real call runs. io(n) is the real
+ * transfer of n bytes, null for a call without data (fsync). Descriptors
+ * are only looked up while such a fault is armed. */
+int sandbox_fault(ssize_t* r, FdCall& c, int fd, const char* op, const std::function<ssize_t(size_t)>& io, size_t n)
+{
+    if (c.guard.nested() || !Board::sandbox_faults_armed())
+        return 0;
+    Board* b = Board::instance();
+    if (b == nullptr)
+        return 0;
+    std::string path = b->sandbox_path_of(fd);
+    if (path.empty())
+        return 0;
+    FaultHit f = b->take_fault(path, op);
+    if (!f.hit)
+        return 0;
+    if (f.cut) {
+        if (io && f.keep > 0 && strcmp(op, "write") == 0)
+            io(std::min(f.keep, n));
+        b->power_cut(path, op);
+        return fail(r, c.err, EIO);
+    }
+    if (f.is_short && io)
+        return real_result(r, c.err, io(n > 0 ? n - 1 : 0));
+    return fail(r, c.err, f.is_short ? EIO : f.err);
 }
 
 /* pread and pwrite: at an offset, the file position left as it was. */
@@ -207,7 +253,7 @@ int sim_read(ssize_t* r, int fd, void* buf, size_t n, size_t buflen)
 {
     FdCall c(fd);
     if (!c.ours())
-        return 0;
+        return sandbox_fault(r, c, fd, "read", [&](size_t k) { return SIM_REAL(read)(fd, buf, k); }, n);
     if (n > buflen)
         __chk_fail();
     return board_result(r, c.err, read_node(c, fd, buf, n));
@@ -217,7 +263,7 @@ int sim_write(ssize_t* r, int fd, const void* buf, size_t n)
 {
     FdCall c(fd);
     if (!c.ours())
-        return 0;
+        return sandbox_fault(r, c, fd, "write", [&](size_t k) { return SIM_REAL(write)(fd, buf, k); }, n);
     return board_result(r, c.err, write_node(c, buf, n));
 }
 
@@ -269,6 +315,20 @@ int sim_writev(ssize_t* r, int fd, const struct iovec* iov, int count)
     for (int i = 0; i < count; i++)
         buf.append(static_cast<const char*>(iov[i].iov_base), iov[i].iov_len);
     return board_result(r, c.err, write_node(c, buf.data(), buf.size()));
+}
+
+/* A device's placeholder syncs as the real call does; a redirected file
+ * may have a fault armed. */
+int sim_fsync(int* r, int fd)
+{
+    FdCall c(fd);
+    if (c.ours())
+        return 0;
+    ssize_t res = 0;
+    if (!sandbox_fault(&res, c, fd, "fsync", nullptr, 0))
+        return 0;
+    *r = static_cast<int>(res);
+    return 1;
 }
 
 int sim_lseek(off_t* r, int fd, off_t off, int whence)

@@ -98,6 +98,21 @@ int fopen_flags(const char* mode)
     return flags;
 }
 
+/* An armed fault on a redirected path: its errno, or 0. A power cut ends
+ * the program here. */
+int sandbox_fault(const std::string& path, const char* op)
+{
+    if (!Board::sandbox_faults_armed())
+        return 0;
+    Board& b = Board::get();
+    FaultHit f = b.take_fault(path, op);
+    if (!f.hit)
+        return 0;
+    if (f.cut)
+        b.power_cut(path, op);
+    return f.err != 0 ? f.err : EIO;
+}
+
 } // namespace
 
 extern "C" {
@@ -128,6 +143,8 @@ int sim_openat(int* r, int dirfd, const char* path, int flags, unsigned mode)
         bool writes = (flags & O_ACCMODE) != O_RDONLY || (flags & O_TRUNC) != 0;
         if (writes && res.medium == Board::Medium::ReadOnly)
             return fail(r, c.err, EROFS);
+        if (int err = sandbox_fault(res.path, "open"))
+            return fail(r, c.err, err);
         int fd = SIM_REAL(openat)(AT_FDCWD, res.sandbox.c_str(), flags, mode);
         if (fd >= 0 && writes)
             write_to_full_medium(res, fd);
@@ -313,10 +330,12 @@ int sim_rename(int* r, const char* from, const char* to)
         return fail(r, e, err);
     if (int err = b.change_error(false))
         return fail(r, e, err);
+    if (int err = sandbox_fault(b.path, "rename"))
+        return fail(r, e, err);
     return real_result(r, e, SIM_REAL(rename)(a.sandbox.c_str(), b.sandbox.c_str()));
 }
 
-int sim_mkstemp(int* r, char* tmpl)
+int sim_mkstemp(int* r, char* tmpl, int flags)
 {
     PathCall c(AT_FDCWD, tmpl);
     if (!c.ours())
@@ -331,9 +350,11 @@ int sim_mkstemp(int* r, char* tmpl)
     size_t len = strlen(tmpl);
     if (len < 6 || sb.size() < 6 || strcmp(tmpl + len - 6, "XXXXXX") != 0)
         return fail(r, c.err, EINVAL);
+    if (int err = sandbox_fault(c.res.path, "open"))
+        return fail(r, c.err, err);
     std::vector<char> buf(sb.begin(), sb.end());
     buf.push_back('\0');
-    int fd = SIM_REAL(mkstemp)(buf.data());
+    int fd = SIM_REAL(mkostemp)(buf.data(), flags);
     if (fd >= 0)
         memcpy(tmpl + len - 6, buf.data() + sb.size() - 6, 6);
     return real_result(r, c.err, fd);

@@ -32,6 +32,14 @@ static const long long max_aquisition_ms = 10000;
 /* 16-bit counters; only the first 65536 are used. */
 static const size_t histogram_bytes = 262144;
 
+/* How long aquisition_init waits for the firmware's main loop; < 0: for good. */
+static int firmware_wait_us = -1;
+
+void aquisition_set_firmware_wait(int time_us)
+{
+    firmware_wait_us = time_us;
+}
+
 static void error_message(const char* text)
 {
     fprintf(stderr, "ERROR: ");
@@ -83,9 +91,19 @@ int aquisition_init(struct pruss_info_s* info, int phase)
     prussdrv_load_data(PRU1_DATARAM, _binary_pruss_pru1_data_bin_start, image_size);
     prussdrv_exec_code_at(1, _binary_pruss_pru1_text_bin_start, image_size, pru1_start_addr);
 
-    /* No time-out: there is nothing sensible to do without the firmware. */
+    /* The firmware is in its main loop within microseconds. A command-line
+     * action waits for it for good; the server, which has clients to
+     * answer, gives up after a while. */
     MTRACE(3, "aquisition_init(): wait for firmware (re-)entering mainloop");
-    prussdrv_pru_wait_event(PRU_EVTOUT_0);
+    int signalled = firmware_wait_us < 0 ? prussdrv_pru_wait_event(PRU_EVTOUT_0)
+                                         : prussdrv_pru_wait_event_timeout(PRU_EVTOUT_0, firmware_wait_us);
+    if (firmware_wait_us >= 0 && signalled <= 0) {
+        MTRACE(2, "aquisition_init(): firmware does not answer");
+        prussdrv_pru_disable(0);
+        prussdrv_pru_disable(1);
+        prussdrv_exit();
+        return -1;
+    }
     prussdrv_pru_clear_event(PRU_EVTOUT_0, evt_pru0_to_host);
     MTRACE(3, "aquisition_init(): done");
 

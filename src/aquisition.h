@@ -78,6 +78,9 @@ struct pruss_info_s {
     volatile uint32_t* p_cfg;     /* PRU-ICSS configuration registers */
 };
 
+/* How long aquisition_init waits for the firmware to reach its main loop
+ * before it gives up (and returns -1); < 0, the default, waits for good. */
+void aquisition_set_firmware_wait(int time_us);
 int aquisition_init(struct pruss_info_s* info, int phase);
 int aquisition_shutdown(struct pruss_info_s* info);
 int aquisition_start(struct pruss_info_s* info, int samples, int sps, uint16_t ov_min, uint16_t ov_max, int filter,

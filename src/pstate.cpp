@@ -86,7 +86,9 @@ static int enter_meas(void)
     int ret = vela_meas_poti_write(192);
     if (ret != 0)
         MTRACE(2, "vela_meas_poti_write failed! (poti removed due to hardware revision?)");
-    /* Without its mappings the engine cannot be started (nor stopped later). */
+    /* Without its mappings the engine cannot be started (nor stopped later).
+     * Firmware that never answers must not stop the server. */
+    aquisition_set_firmware_wait(1000000);
     if (aquisition_init(&state.pruss_info, state.phase) == 0)
         aquisition_start(&state.pruss_info, 1, 2000, 0, 65535, 1, 6, state.skip_samples, 0);
     else

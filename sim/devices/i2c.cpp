@@ -44,6 +44,10 @@ int64_t I2cBus::transfer(int addr, bool is_read, uint8_t* data, size_t n)
     const char* op = is_read ? "read" : "write";
     auto it = chips_.find(addr);
     FaultHit f = board_.take_fault(name, op);
+    if (f.cut) {
+        board_.power_cut(name, op);
+        return -EIO;
+    }
     int err = 0;
     if (it == chips_.end())
         err = -EREMOTEIO; /* nobody acknowledged the address: i2c-omap reports the NACK */

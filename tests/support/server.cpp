@@ -1,5 +1,7 @@
 #include "server.h"
 
+#include "emulator.h"
+
 #include <arpa/inet.h>
 #include <cerrno>
 #include <csignal>
@@ -72,14 +74,19 @@ bool ServerUnderTest::start(const std::vector<std::string>& args, int port)
 bool ServerUnderTest::launch(const std::vector<std::string>& args, int port)
 {
     port_ = port != 0 ? port : free_port();
-    std::string cmd = "exec " + shell_quote(VELASIM_PATH) + " run --dir " + shell_quote(board_) + " --scenario " +
-                      shell_quote(tmp_.file("scenario.ini")) + " --clock " + shell_quote(clock_) + " -- " +
-                      shell_quote(VELATOOL_PATH);
+    std::string cmd = "exec";
+    for (const std::string& word : emulated({VELASIM_PATH}))
+        cmd += " " + shell_quote(word);
+    cmd += " run --dir " + shell_quote(board_);
+    if (!carry_on_ || !launched_)
+        cmd += " --scenario " + shell_quote(tmp_.file("scenario.ini"));
+    cmd += " --clock " + shell_quote(clock_) + " -- " + shell_quote(VELATOOL_PATH);
+    launched_ = true;
     for (const std::string& a : args)
         cmd += " " + shell_quote(a);
     cmd += " -r " + std::to_string(port_) + " > " + shell_quote(tmp_.file("out")) + " 2> " +
            shell_quote(tmp_.file("err"));
-    std::string env = "ORVIK_CONFIGPATH=" + config_dir();
+    std::string env = "ORVIK_CONFIGPATH=" + (config_root_.empty() ? config_dir() : config_root_);
     pid_t pid = fork();
     if (pid < 0)
         return false;

@@ -40,6 +40,14 @@ public:
     std::string out() const;
     std::string err() const;
 
+    /* Later launches carry on with the board as the last run left it (its
+     * clock, NVRAM and sandbox files) instead of a new one from the
+     * scenario: the next power-up of the same instrument. */
+    void carry_on(bool on = true) { carry_on_ = on; }
+    /* ORVIK_CONFIGPATH of later launches; "/var/opt" keeps the files on the
+     * board (under dir()/fs), where its faults reach them. */
+    void set_config_root(const std::string& root) { config_root_ = root; }
+
     ProcessResult ctl(const std::vector<std::string>& command) const;
     /* Moves board time on (step mode). */
     bool advance(const std::string& duration) const;
@@ -51,6 +59,9 @@ private:
     std::string board_;
     std::string clock_;
     int port_ = 0;
+    bool carry_on_ = false;
+    bool launched_ = false;
+    std::string config_root_;
     int pid_ = -1;
     int status_ = -1;
 };

@@ -19,6 +19,24 @@
 #include "syscalls.h"
 #include "tempdir.h"
 
+#if __TIMESIZE == 32
+/* A 32-bit build with a 32-bit time_t never calls glibc's 64-bit time entry
+ * points, which a _TIME_BITS=64 build of the program would: call them
+ * directly. */
+extern "C" {
+int __clock_gettime64(clockid_t, struct sim_timespec64*);
+int __gettimeofday64(struct sim_timeval64*, void*);
+int64_t __time64(int64_t*);
+int __nanosleep64(const struct sim_timespec64*, struct sim_timespec64*);
+int __clock_nanosleep_time64(clockid_t, int, const struct sim_timespec64*, struct sim_timespec64*);
+int __select64(int, fd_set*, fd_set*, fd_set*, struct sim_timeval64*);
+int __pselect64(int, fd_set*, fd_set*, fd_set*, const struct sim_timespec64*, const sigset_t*);
+int __ppoll64(struct pollfd*, nfds_t, const struct sim_timespec64*, const sigset_t*);
+int __timerfd_settime64(int, int, const struct sim_itimerspec64*, struct sim_itimerspec64*);
+int __timerfd_gettime64(int, struct sim_itimerspec64*);
+}
+#endif
+
 namespace {
 
 class Probe : public vt::SimTest {};
@@ -112,6 +130,28 @@ TEST_F(Probe, EveryWrappedNameIsIntercepted)
     EXPECT_EQ(0, timerfd_gettime(timer, &old));
     close(timer);
 
+#if __TIMESIZE == 32
+    {
+        struct sim_timespec64 ts = {}, tiny64 = {0, 1000, 0};
+        struct sim_timeval64 tv64 = {};
+        EXPECT_EQ(0, __clock_gettime64(CLOCK_MONOTONIC, &ts));
+        EXPECT_EQ(0, __gettimeofday64(&tv64, nullptr));
+        EXPECT_GT(__time64(nullptr), 0);
+        EXPECT_EQ(0, __nanosleep64(&tiny64, nullptr));
+        EXPECT_EQ(0, __clock_nanosleep_time64(CLOCK_MONOTONIC, 0, &tiny64, nullptr));
+        struct sim_timespec64 zero64 = {};
+        struct sim_timeval64 tv0 = {};
+        EXPECT_EQ(0, __select64(0, nullptr, nullptr, nullptr, &tv0));
+        EXPECT_EQ(0, __pselect64(0, nullptr, nullptr, nullptr, &zero64, nullptr));
+        EXPECT_EQ(0, __ppoll64(nullptr, 0, &zero64, nullptr));
+        int t64 = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK);
+        struct sim_itimerspec64 its64 = {{}, {1, 0, 0}}, old64;
+        EXPECT_EQ(0, __timerfd_settime64(t64, 0, &its64, &old64));
+        EXPECT_EQ(0, __timerfd_gettime64(t64, &old64));
+        close(t64);
+    }
+#endif
+
     struct timespec tiny = {0, 1000};
     EXPECT_EQ(0, usleep(1));
     EXPECT_EQ(0, nanosleep(&tiny, nullptr));
@@ -138,6 +178,12 @@ TEST_F(Probe, EveryWrappedNameIsIntercepted)
     std::string t1 = dir.file("tmpXXXXXX"), t2 = dir.file("tmpXXXXXX");
     close(mkstemp(t1.data()));
     close(mkstemp64(t2.data()));
+    std::string t3 = dir.file("tmpXXXXXX"), t4 = dir.file("tmpXXXXXX");
+    int tfd = mkostemp(t3.data(), O_CLOEXEC);
+    EXPECT_EQ(0, fsync(tfd));
+    EXPECT_EQ(0, fdatasync(tfd));
+    close(tfd);
+    close(mkostemp64(t4.data(), O_CLOEXEC));
     EXPECT_EQ(0, system("hwclock -w")); /* simulated, never run */
 
     for (int i = 0; i < SIM_WRAP_COUNT; i++)

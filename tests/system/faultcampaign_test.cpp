@@ -1,0 +1,245 @@
+/* Every fault the board can inject, while a client runs the session an
+ * operating program runs: battery readings, the meas state, live readings,
+ * a short scan, the move home, autoinfo, calibration values, the power
+ * states, the backlight. Each row of the table names the fault, the step
+ * it hits and what the client must see; after every row the server still
+ * answers and has not crashed. The table is printed as it ran. */
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "boardctl.h"
+#include "server.h"
+
+namespace {
+
+struct Row {
+    const char* fault;  /* control commands, ';' between them */
+    const char* state;  /* where the session stands: "ready" or "meas" */
+    const char* step;   /* the request it hits; "idle" is 30 s of housekeeping */
+    const char* expect; /* regex over what the client saw: ids dropped, " | " between lines,
+                           " || " between steps; "" is nothing but the ack and ready lines */
+};
+
+#define ADC "/sys/bus/iio/devices/iio:device0/in_voltage"
+#define GPIO "/sys/class/gpio/"
+
+/* clang-format off */
+#define SCAN_DATA "data [A-Za-z0-9+/=]+( \\| data [A-Za-z0-9+/=]+)*"
+const Row kTable[] = {
+    /* I2C: the charger, NACK and time-out, on reads and writes: the power
+     * handler keeps its last state and tries again at the next event */
+    {"fault /dev/i2c-0@0x6b read EREMOTEIO always", "ready", "get batt batt_state batt_v", "data 99 4 3.90"},
+    {"fault /dev/i2c-0@0x6b read ETIMEDOUT always", "ready", "idle;get batt_state", " \\|\\| data 4"},
+    {"fault /dev/i2c-0@0x6b write EREMOTEIO always", "ready", "idle;get batt_state", " \\|\\| data 4"},
+    {"fault /dev/i2c-0@0x6b write ETIMEDOUT always", "ready", "get batt_state", "data 4"},
+    {"fault /dev/i2c-0@0x6b read EREMOTEIO always", "ready", "autoinfo 100 batt batt_state", "data 99 4( \\| data 99 4)+ \\| error aborted"},
+    /* the motor DAC: ten failing attempts take the write's success path, a
+     * write that fails outright (no bus) is reported */
+    {"fault /dev/i2c-1@0x60 write EREMOTEIO always", "meas", "scan x=0.1", SCAN_DATA},
+    {"set drive.position_mm 2;fault /dev/i2c-1@0x60 write ETIMEDOUT always", "meas", "move x=0", "error endswitch timeout"},
+    {"fault /dev/i2c-1@0x60 write EAGAIN always", "ready", "set pstate=meas;get pstate", " \\|\\| data 5"},
+    {"absent /dev/i2c-1", "meas", "scan x=0.1", "error motor_dac_write failed"},
+    {"set drive.position_mm 2;absent /dev/i2c-1", "meas", "move x=0", "error motor_dac_write failed \\| error endswitch timeout \\| error motor_dac_write failed"},
+    {"absent /dev/i2c-1", "ready", "set pstate=meas;get pstate", " \\|\\| data 4"},
+    /* the digital potentiometer: the same retries; without the bus (above)
+     * it fails the way into meas, without a text */
+    {"fault /dev/i2c-1@0x2e write EREMOTEIO always", "ready", "set pstate=meas;get pstate", " \\|\\| data 5"},
+    {"fault /dev/i2c-1@0x2e write ETIMEDOUT always", "ready", "set pstate=meas;get pstate", " \\|\\| data 5"},
+    /* GPIO lines */
+    {"fault " GPIO "meas_power/value write EIO always", "ready", "set pstate=meas;get pstate", " \\|\\| data 5"},
+    {"fault " GPIO "motor_power/value write EIO always", "meas", "scan x=0.1", SCAN_DATA},
+    {"set drive.position_mm 2;fault " GPIO "motor_power/value write EIO always", "meas", "move x=0", ""},
+    {"fault " GPIO "vg_anf/value read EIO always", "meas", "move x=0", "error endswitch timeout"},
+    {"set drive.position_mm 2;absent " GPIO "vg_anf/value", "meas", "move x=0", ""},
+    {"fault " GPIO "chgint/value read EIO always", "ready", "idle;get batt_state", " \\|\\| data 4"},
+    {"fault " GPIO "usb_power/value write EIO always", "ready", "set usbhost=1", "error action failed"},
+    /* attributes */
+    {"fault " ADC "1_raw read EIO always", "ready", "get batt_v batt", "error error"},
+    {"fault " ADC "0_raw read EIO always", "ready", "get batt_temp", "error error"},
+    {"fault " ADC "1_raw read EIO always", "ready", "idle;get batt", " \\|\\| error error"},
+    {"absent " ADC "1_raw", "ready", "get batt_v", "data 3.90"},
+    {"fault /sys/class/backlight/tps65217-bl/brightness write EIO always", "ready", "set blight=40", ""},
+    {"fault /sys/class/backlight/tps65217-bl/actual_brightness read EIO always", "ready", "get blight", "error error"},
+    {"absent /sys/class/backlight/tps65217-bl", "ready", "set blight=40;get blight", " \\|\\| error error"},
+    {"fault /sys/devices/system/cpu/cpu0/cpufreq/scaling_min_freq write EIO always", "ready", "set pstate=eco;get pstate", " \\|\\| data 4"},
+    {"fault /sys/devices/system/cpu/cpu0/cpufreq/scaling_max_freq write EIO always", "ready", "set pstate=eco;set pstate=ready;get pstate", " \\|\\|  \\|\\| data 4"},
+    {"fault /sys/class/rtc/rtc1/device/nvram write EIO always", "ready", "idle;get uptime", " \\|\\| data \\d+\\.\\d{3}"},
+    {"fault /sys/class/rtc/rtc1/device/nvram write short always", "ready", "set pstate=eco;get pstate", " \\|\\| data 3"},
+    {"fault /sys/class/rtc/rtc1/time read EIO always", "ready", "get hwclock", "error channel not readable"},
+    {"absent /dev/ttyO1", "ready", "set opto_rs232=HELLO", ""},
+    /* the sine generator */
+    {"fault /dev/spidev1.1 ioctl EIO always", "ready", "set pstate=meas;get pstate", " \\|\\| data 5"},
+    {"absent /dev/spidev1.1", "ready", "set pstate=meas;get pstate", " \\|\\| data 5"},
+    {"fault /dev/spidev1.1 open EIO always", "meas", "set f=20500", "error action failed"},
+    /* suspend and its wake-up alarm */
+    {"fault /dev/rtc0 ioctl:RTC_WKALM_SET EIO always", "ready", "set pstate=eco;set pstate=suspend;get pstate", " \\|\\|  \\|\\| data 3"},
+    {"fault /sys/power/state write EIO always", "ready", "set pstate=eco;set pstate=suspend;get pstate", " \\|\\| event: resumed \\|\\| data 2"},
+    /* the PRUs: no subsystem, firmware that never starts or stops answering */
+    {"absent /dev/uio0", "ready", "set pstate=meas;get pstate;scan x=0.1;get w", " \\|\\| data 5 \\|\\| error invalid pstate \\|\\| error invalid pstate"},
+    {"fault /dev/uio0 open EIO always", "ready", "set pstate=meas;scan x=0.1", " \\|\\| error invalid pstate"},
+    {"set pru.fault no-signal", "ready", "set pstate=meas;get pstate;scan x=0.1", " \\|\\| data 5 \\|\\| error invalid pstate"},
+    {"set pru.fault no-start", "meas", "scan x=0.1", ""},
+    {"set pru.fault stall", "meas", "scan x=0.1", "error timeout no data"},
+    {"set pru.fault no-stop", "meas", "scan x=0.1", "error timeout no data"},
+    {"set pru.fault stall", "meas", "get w z sin_freq", "data \\d+ -?\\d+\\.\\d{3} \\d+\\.\\d{2}"},
+    {"set pru.error 2", "meas", "scan x=0.1", "error OF PLUS"},
+    /* the charger's own faults, with USB power in */
+    {"set supply.usb_v 5;set charger.fault thermal", "ready", "idle;get batt_state", ".*event: batt fault.* \\|\\| data 5"},
+    {"set supply.usb_v 5;set charger.fault battery", "ready", "idle;get batt_state", ".*event: batt fault.* \\|\\| data 5"},
+    {"set supply.usb_v 5;usb-dip 200ms", "ready", "idle;get batt_state", ".* \\|\\| data [12]"},
+    {"set supply.usb_v 7", "ready", "idle;get batt_state", ".* \\|\\| data 4"},
+    {"set supply.usb_v 5;fault /dev/i2c-0@0x6b write EREMOTEIO always", "ready", "idle;idle;get batt_state", ".* \\|\\| .* \\|\\| data [124]"},
+};
+#undef SCAN_DATA
+/* clang-format on */
+
+std::vector<std::string> split(const std::string& s, char sep)
+{
+    std::vector<std::string> out;
+    std::istringstream in(s);
+    std::string part;
+    while (std::getline(in, part, sep)) {
+        if (!part.empty())
+            out.push_back(part);
+    }
+    return out;
+}
+
+class FaultCampaign : public testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(power_up()); }
+
+    bool power_up()
+    {
+        client.close();
+        if (!server.start() || !client.connect(server.port()))
+            return false;
+        client.read_until([](const std::string& l) { return l == "0 event battery good"; }, 2000);
+        return true;
+    }
+
+    /* "ok", or the board's error. */
+    std::string ctl(const std::string& line)
+    {
+        std::string answer = vt::board_control(server.dir(), line);
+        return vt::control_ok(answer) ? "ok" : "error: " + answer;
+    }
+
+    /* One request, board time running (warp) until its ready line; what
+     * the client saw without the ids, ack and ready lines. An autoinfo is
+     * aborted after two reports. */
+    std::string exchange(const std::string& command)
+    {
+        if (command == "idle") {
+            std::string seen;
+            for (int i = 0; i < 3; i++) {
+                ctl("clock advance 10s");
+                std::string more = drain(100);
+                seen += (seen.empty() || more.empty() ? "" : " | ") + more;
+            }
+            return seen;
+        }
+        int id = next_id++;
+        client.send(std::to_string(id) + " " + command);
+        ctl("clock mode warp");
+        std::vector<std::string> lines;
+        std::string line;
+        int reports = 0, abort_id = 0, readies = 0;
+        int wanted = command.rfind("autoinfo", 0) == 0 ? 2 : 1;
+        while (readies < wanted && client.read_line(&line, 5000)) {
+            if (vt::is_ready_line(line, id) || (abort_id && vt::is_ready_line(line, abort_id))) {
+                readies++;
+                continue;
+            }
+            lines.push_back(line);
+            if (line.rfind(std::to_string(id) + " data", 0) == 0 && ++reports == 2 && wanted == 2) {
+                abort_id = next_id++;
+                client.send(std::to_string(abort_id) + " abort");
+            }
+        }
+        ctl("clock mode step");
+        std::string seen;
+        bool acked = false;
+        for (const std::string& l : lines) {
+            std::string rest = l.substr(l.find(' ') + 1);
+            /* events before the ack are the last row's stragglers */
+            if (rest == "ack")
+                acked = true;
+            if (rest == "ack" || (l[0] == '0' && !acked))
+                continue;
+            seen += (seen.empty() ? "" : " | ") + (l[0] == '0' ? "event: " + rest.substr(6) : rest);
+        }
+        if (readies < wanted)
+            seen += (seen.empty() ? "" : " | ") + std::string("(no ready)");
+        return seen;
+    }
+
+    std::string drain(int ms)
+    {
+        std::string seen, line;
+        while (client.read_line(&line, ms))
+            seen += (seen.empty() ? "" : " | ") + ("event: " + line.substr(line.find(' ') + 7));
+        return seen;
+    }
+
+    /* Back to the state a row starts from, without faults. */
+    bool settle(const std::string& state)
+    {
+        ctl("faults-clear");
+        ctl("set pru.fault none");
+        ctl("set pru.error 0");
+        ctl("set charger.fault none");
+        ctl("set supply.usb_v 0");
+        exchange("abort");
+        exchange("set pstate=ready");
+        /* the power handler's polls see the supply gone */
+        for (int i = 0; i < 2; i++) {
+            ctl("clock advance 10s");
+            drain(50);
+        }
+        if (state == "meas")
+            return exchange("set pstate=meas").empty() && exchange("move x=0").empty();
+        return true;
+    }
+
+    vt::ServerUnderTest server;
+    vt::LineClient client;
+    int next_id = 1;
+};
+
+TEST_F(FaultCampaign, TheServerServesOnThroughEveryFault)
+{
+    int crashes = 0;
+    printf("%-88s | %-6s | %-28s | %s\n", "fault", "state", "step", "the client saw");
+    for (const Row& row : kTable) {
+        ASSERT_TRUE(settle(row.state)) << row.fault;
+        for (const std::string& c : split(row.fault, ';'))
+            ASSERT_EQ("ok", ctl(c)) << c;
+        std::string seen;
+        bool first = true;
+        for (const std::string& step : split(row.step, ';')) {
+            seen += (first ? "" : " || ") + exchange(step);
+            first = false;
+        }
+        ctl("faults-clear");
+        bool alive = server.running();
+        std::string health = alive ? exchange("get pstate") : "";
+        std::string shown = seen.size() > 120 ? seen.substr(0, 117) + "..." : seen;
+        printf("%-88s | %-6s | %-28s | %s\n", row.fault, row.state, row.step, shown.c_str());
+        EXPECT_TRUE(alive) << row.fault << " crashed the server: " << server.err();
+        EXPECT_TRUE(std::regex_match(health, std::regex("data [1-5]"))) << row.fault << ": " << health;
+        EXPECT_TRUE(std::regex_match(seen, std::regex(row.expect))) << row.fault << " / " << row.step << ": " << seen;
+        if (!alive) {
+            crashes++;
+            ASSERT_TRUE(power_up());
+        }
+    }
+    EXPECT_EQ(0, crashes);
+}
+
+} // namespace
