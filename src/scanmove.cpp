@@ -109,6 +109,12 @@ int cb_scan(struct client_s* client, int argc, char** argv)
     MTRACE(3, "cb_scan()");
     if (scanmove_may_start(client) != 0)
         return -1;
+    /* meas without its acquisition engine (the PRUs could not be started):
+     * nothing to scan with, as for the live readings */
+    if (state.pruss_info.comm == NULL) {
+        remote_error(client, msg.invalid_pstate);
+        return -1;
+    }
     const char* eq = argc == 2 ? strchr(argv[1], '=') : NULL;
     if (eq == NULL) {
         remote_error(client, msg.syntax_invalid);
@@ -359,6 +365,14 @@ int do_movetimeout(void)
             move_ready(client);
         }
     } else {
+        /* After a hold-up of the loop the switch's edge may be waiting
+         * behind this timer: a probe that is home has not timed out. */
+        int vganf = 1;
+        if (vela_motor_get_vganf(&vganf) == 0 && vganf == 0) {
+            MTRACE(3, "do_movetimeout(): endswitch reached meanwhile");
+            move_ready(client);
+            return 0;
+        }
         MTRACE(3, "do_movetimeout(): TIMEOUT while waiting for VGANF");
         remote_id_error(client, state.scanmove_id, msg.err_endswitch_timeout);
         move_ready(client);

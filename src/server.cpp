@@ -95,10 +95,46 @@ static void close_client(struct client_s* client)
     client->sock = -1;
 }
 
+/* At most this much of an over-long line is skipped per call, so that a
+ * client sending one without end never holds the loop from the others. */
+#define DISCARD_PER_CALL 65536
+
+/* Skips the rest of an over-long line, in large reads rather than byte by
+ * byte: looks at what has come and takes it up to and including the line
+ * end, if there is one. 0 when the peer closed, else -1 (nothing to run). */
+static int discard_line(struct client_s* client)
+{
+    char buf[4096];
+    for (size_t done = 0; done < DISCARD_PER_CALL;) {
+        ssize_t n = recv(client->sock, buf, sizeof buf, MSG_PEEK);
+        if (n <= 0)
+            return n == 0 ? 0 : -1;
+        size_t take = (size_t)n;
+        int end = 0;
+        for (size_t i = 0; i < (size_t)n && !end; i++) {
+            if (buf[i] == '\n' || buf[i] == '\r') {
+                take = i + 1;
+                end = 1;
+            }
+        }
+        ssize_t r = read(client->sock, buf, take);
+        if (r <= 0)
+            return r == 0 ? 0 : -1;
+        if (end) {
+            discarding[client->idx] = 0;
+            return -1;
+        }
+        done += (size_t)r;
+    }
+    return -1;
+}
+
 /* Reads one line: 1 with a line, 0 when the peer closed, -1 on an error or
  * when an over-long line is being discarded. */
 static int read_line(struct client_s* client, char* line)
 {
+    if (discarding[client->idx])
+        return discard_line(client);
     size_t n = 0;
     for (;;) {
         char c;
@@ -110,24 +146,17 @@ static int read_line(struct client_s* client, char* line)
                 return -1;
             break; /* nothing more now: the request is what came */
         }
-        if (c == '\n' || c == '\r') {
-            if (discarding[client->idx]) {
-                discarding[client->idx] = 0;
-                return -1;
-            }
+        if (c == '\n' || c == '\r')
             break;
-        }
-        if (discarding[client->idx])
-            continue;
         if (n == REMOTE_LINE_MAX - 1) {
             MTRACE(3, "deal_with_data(): error: line longer than %d bytes dropped", REMOTE_LINE_MAX - 1);
             discarding[client->idx] = 1;
-            continue;
+            return discard_line(client);
         }
         line[n++] = c;
     }
     line[n] = '\0';
-    return discarding[client->idx] ? -1 : 1;
+    return 1;
 }
 
 /* Splits in place at spaces outside double quotes; the quotes stay in the

@@ -61,6 +61,10 @@ TEST_F(Server, AnOverlongLineIsDroppedWholeAndTheConnectionStaysUsable)
     /* Its tail, which looks like a request, must not run. */
     client.send("5 get " + std::string(300, 'x') + " 6 get");
     client.send(std::string(1000, 'y'));
+    /* Ended by CR LF, with a request right behind it in the same packet. */
+    client.send_raw(std::string(70000, 'z') + "\r\n9 get\n");
+    EXPECT_THAT(client.read_until([](const std::string& l) { return vt::is_ready_line(l, 9); }),
+                ElementsAre("9 ack", "9 data", "9 ready 0.000"));
     EXPECT_EQ("", client.drain(300));
     EXPECT_THAT(client.request(7, "get"), ElementsAre("7 ack", "7 data", "7 ready 0.000"));
     /* More words than a request holds: the rest stays in the last word. */

@@ -468,4 +468,23 @@ TEST_F(ScanMove, MoveSupervision)
     EXPECT_EQ(1u, state.meas_cycles);
 }
 
+/* The loop serves the timer before the end switch's edge: when a hold-up
+ * makes both due at once, the switch decides. */
+TEST_F(ScanMove, AMoveHeldUpPastItsTimeOutStillEndsAtTheEndSwitch)
+{
+    ASSERT_EQ(1, run("move x=0"));
+    uint64_t expirations = 0;
+    sim::advance_clock(1000000000LL + 1000); /* the drive check, before home */
+    ASSERT_EQ(8, read(state.fdscanmovetimer, &expirations, sizeof expirations));
+    ASSERT_EQ(0, do_movetimeout());
+    ASSERT_NE(nullptr, state.scanmove_client);
+    sim::advance_clock(20000000000LL); /* home after 1.3 s, the time-out due at 15 s */
+    ASSERT_EQ(8, read(state.fdscanmovetimer, &expirations, sizeof expirations));
+    EXPECT_EQ(0, do_movetimeout());
+    EXPECT_THAT(lines(), ElementsAre(MatchesRegex("7 ready 21\\.[0-9]{3}")));
+    EXPECT_EQ(nullptr, state.scanmove_client);
+    EXPECT_EQ("2082", sim::get("motor.dac"));
+    EXPECT_EQ(-22, do_endswitch_reached()); /* the stale edge finds nothing */
+}
+
 } // namespace
