@@ -5,6 +5,7 @@ set -euo pipefail
 
 packages=(g++ cmake ninja-build make pkg-config zlib1g-dev libpng-dev libgtest-dev libgmock-dev
           clang libclang-rt-14-dev
+          g++-arm-linux-gnueabihf qemu-user dpkg-dev lintian
           python3 python3-numpy python3-scipy python3-matplotlib)
 
 missing=()
@@ -13,13 +14,16 @@ for p in "${packages[@]}"; do
     missing+=("$p")
   fi
 done
-[ ${#missing[@]} -eq 0 ] && exit 0
-
-echo "setup: installing ${missing[*]}" >&2
-sudo=""
-if [ "$(id -u)" -ne 0 ]; then
-  sudo="sudo"
+if [ ${#missing[@]} -gt 0 ]; then
+  echo "setup: installing ${missing[*]}" >&2
+  sudo=""
+  if [ "$(id -u)" -ne 0 ]; then
+    sudo="sudo"
+  fi
+  export DEBIAN_FRONTEND=noninteractive
+  $sudo apt-get update -qq >/dev/null
+  $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 fi
-export DEBIAN_FRONTEND=noninteractive
-$sudo apt-get update -qq >/dev/null
-$sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+
+# The armhf libraries of the instrument's build.
+"$(dirname "$0")/armhf-sysroot.sh"

@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
-# Installs what is missing, then configures, builds and runs every test, first
-# in the default preset and then under AddressSanitizer/UBSan.
+# Installs what is missing, then configures, builds and runs every test in
+# each preset: default, AddressSanitizer/UBSan, the instrument's armhf build
+# under qemu-arm, and a bounded run of every fuzz target (clang, ASan/UBSan;
+# scripts/fuzz.sh runs them longer).
 # Exits non-zero if anything fails.
 set -uo pipefail
 cd "$(dirname "$0")/.."
@@ -9,7 +11,7 @@ scripts/setup.sh || exit 1
 
 jobs=$(nproc 2>/dev/null || echo 2)
 status=0
-for preset in default asan; do
+for preset in default asan armhf fuzz; do
   echo "=== $preset ==="
   if cmake --preset "$preset" >/dev/null &&
      cmake --build --preset "$preset" -j "$jobs" &&
