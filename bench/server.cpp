@@ -35,6 +35,8 @@
 #include <unistd.h>
 #include <vector>
 
+#include "free_port.h"
+
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -45,18 +47,7 @@ struct Server {
     std::string dir;
 };
 
-int free_port()
-{
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    struct sockaddr_in addr = {};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof addr);
-    socklen_t len = sizeof addr;
-    getsockname(fd, reinterpret_cast<struct sockaddr*>(&addr), &len);
-    close(fd);
-    return ntohs(addr.sin_port);
-}
+using vt::free_port;
 
 int connect_to(int port)
 {

@@ -60,6 +60,7 @@
 #include <vector>
 
 #include "control_socket.h"
+#include "free_port.h"
 
 namespace {
 
@@ -121,18 +122,7 @@ struct Server {
 
 Server server;
 
-int free_port()
-{
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    struct sockaddr_in addr = {};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof addr);
-    socklen_t len = sizeof addr;
-    getsockname(fd, reinterpret_cast<struct sockaddr*>(&addr), &len);
-    close(fd);
-    return ntohs(addr.sin_port);
-}
+using vt::free_port;
 
 /* One control command on the board's socket: the reply's data lines, or
  * "error: ..." when the board refused it or did not answer. */

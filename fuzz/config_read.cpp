@@ -7,7 +7,6 @@
  * and a second start must find the same values and leave the file alone.
  *
  * Input: the file. The application-data folder is a scratch folder. */
-#include <dirent.h>
 #include <stdlib.h>
 
 #include <climits>
@@ -31,26 +30,6 @@ void check(bool ok, const std::string& what)
 {
     if (!ok)
         fz::fail(kTarget, what);
-}
-
-std::string folder()
-{
-    return fz::scratch_dir() + "/Orvik/vela/";
-}
-
-void clear_folder()
-{
-    DIR* d = opendir(folder().c_str());
-    if (d == nullptr)
-        return;
-    std::vector<std::string> names;
-    while (struct dirent* e = readdir(d)) {
-        if (strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0)
-            names.push_back(e->d_name);
-    }
-    closedir(d);
-    for (const std::string& n : names)
-        unlink((folder() + n).c_str());
 }
 
 /* One start: open and read into a zeroed state record; the document is
@@ -110,10 +89,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     const int descriptors = fz::lowest_free_descriptor();
     const std::string text(reinterpret_cast<const char*>(data), size);
-    clear_folder();
+    fz::clear_app_folder();
     start(); /* creates the folder */
-    clear_folder();
-    const std::string path = folder() + "velatool.ini";
+    fz::clear_app_folder();
+    const std::string path = fz::app_folder() + "velatool.ini";
     fz::write_file(path, text);
 
     const state_s first = start();

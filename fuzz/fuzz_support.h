@@ -4,6 +4,7 @@
 #ifndef VELA_FUZZ_SUPPORT_H
 #define VELA_FUZZ_SUPPORT_H
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -11,7 +12,9 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
+#include <vector>
 
 namespace fz {
 
@@ -105,6 +108,28 @@ struct Choices {
         return n == 0 ? 0 : (s >> 8) % n;
     }
 };
+
+/* The product's application-data folder under the scratch folder (the
+ * targets point ORVIK_CONFIGPATH there), and emptying it between inputs. */
+inline std::string app_folder()
+{
+    return scratch_dir() + "/Orvik/vela/";
+}
+
+inline void clear_app_folder()
+{
+    DIR* d = opendir(app_folder().c_str());
+    if (d == nullptr)
+        return;
+    std::vector<std::string> names;
+    while (struct dirent* e = readdir(d)) {
+        if (strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0)
+            names.push_back(e->d_name);
+    }
+    closedir(d);
+    for (const std::string& n : names)
+        unlink((app_folder() + n).c_str());
+}
 
 } // namespace fz
 

@@ -5,7 +5,6 @@
  * Input: 28 bytes of block (zeros where the input is shorter), then the
  * mirror file. The mirror lives in a scratch application-data folder; the
  * RAM block's fixed device path is never touched. */
-#include <dirent.h>
 #include <stdlib.h>
 
 #include <cstdint>
@@ -52,26 +51,6 @@ bool same_counters(const nv_state_s& a, const nv_state_s& b)
 {
     return a.uptime == b.uptime && a.uptime_eco == b.uptime_eco && a.meas_cycles == b.meas_cycles &&
            a.batt_cycles == b.batt_cycles && a.batt_cycle_state == b.batt_cycle_state;
-}
-
-std::string folder()
-{
-    return fz::scratch_dir() + "/Orvik/vela/";
-}
-
-void clear_folder()
-{
-    DIR* d = opendir(folder().c_str());
-    if (d == nullptr)
-        return;
-    std::vector<std::string> names;
-    while (struct dirent* e = readdir(d)) {
-        if (strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0)
-            names.push_back(e->d_name);
-    }
-    closedir(d);
-    for (const std::string& n : names)
-        unlink((folder() + n).c_str());
 }
 
 /* Every line of the sections other than the counters', in file order. */
@@ -126,8 +105,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
                                            : std::string();
     check_block(block, size > 0 ? data[size - 1] : 0);
 
-    clear_folder();
-    const std::string path = folder() + "nv_state.ini";
+    fz::clear_app_folder();
+    const std::string path = fz::app_folder() + "nv_state.ini";
     if (!text.empty()) {
         nv_state_s dummy;
         nv_read_ini(&dummy); /* creates the folder */

@@ -1,6 +1,7 @@
 #include "server.h"
 
 #include "emulator.h"
+#include "free_port.h"
 
 #include <arpa/inet.h>
 #include <cerrno>
@@ -17,19 +18,6 @@ namespace vt {
 
 namespace {
 
-/* A port nobody listens on now. */
-int free_port()
-{
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    struct sockaddr_in addr = {};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof addr);
-    socklen_t len = sizeof addr;
-    getsockname(fd, reinterpret_cast<struct sockaddr*>(&addr), &len);
-    ::close(fd);
-    return ntohs(addr.sin_port);
-}
 
 std::string shell_quote(const std::string& s)
 {
