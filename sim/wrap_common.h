@@ -120,6 +120,13 @@ struct PathCall {
     {
         return res.kind == Resolved::Sandbox ? 0 : res.kind == Resolved::Absent ? ENOENT : EPERM;
     }
+    /* The same for calls that change a sandbox file, and what its medium
+     * says to the change. */
+    int sandbox_change(bool needs_space) const
+    {
+        int err = sandbox_only();
+        return err != 0 ? err : res.change_error(needs_space);
+    }
 };
 
 /* Opens a node: access check, injected fault, the device's own open. */

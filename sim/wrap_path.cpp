@@ -271,9 +271,7 @@ int sim_unlink(int* r, const char* path, int flags)
     PathCall c(AT_FDCWD, path);
     if (!c.ours())
         return 0;
-    if (int err = c.sandbox_only())
-        return fail(r, c.err, err);
-    if (int err = c.res.change_error(false))
+    if (int err = c.sandbox_change(false))
         return fail(r, c.err, err);
     const char* sb = c.res.sandbox.c_str();
     return real_result(r, c.err, flags ? SIM_REAL(rmdir)(sb) : SIM_REAL(unlink)(sb));
@@ -284,9 +282,7 @@ int sim_mkdir(int* r, const char* path, mode_t mode)
     PathCall c(AT_FDCWD, path);
     if (!c.ours())
         return 0;
-    if (int err = c.sandbox_only())
-        return fail(r, c.err, err);
-    if (int err = c.res.change_error(true))
+    if (int err = c.sandbox_change(true))
         return fail(r, c.err, err);
     return real_result(r, c.err, SIM_REAL(mkdir)(c.res.sandbox.c_str(), mode));
 }
@@ -296,9 +292,7 @@ int sim_symlink(int* r, const char* target, const char* path)
     PathCall c(AT_FDCWD, path);
     if (!c.ours())
         return 0;
-    if (int err = c.sandbox_only())
-        return fail(r, c.err, err);
-    if (int err = c.res.change_error(true))
+    if (int err = c.sandbox_change(true))
         return fail(r, c.err, err);
     Board::get().journal(c.res.path, "symlink", target);
     return real_result(r, c.err, SIM_REAL(symlink)(target, c.res.sandbox.c_str()));
@@ -340,9 +334,7 @@ int sim_mkstemp(int* r, char* tmpl, int flags)
     PathCall c(AT_FDCWD, tmpl);
     if (!c.ours())
         return 0;
-    if (int err = c.sandbox_only())
-        return fail(r, c.err, err);
-    if (int err = c.res.change_error(true))
+    if (int err = c.sandbox_change(true))
         return fail(r, c.err, err);
     /* Make the file in the sandbox, then hand the chosen name back in the
      * caller's template so that its later rename() finds it. */
