@@ -99,16 +99,24 @@ static void close_client(struct client_s* client)
  * client sending one without end never holds the loop from the others. */
 #define DISCARD_PER_CALL 65536
 
+/* A read that failed for another reason than "nothing more now": the
+ * connection is gone (reset by the peer, say) as surely as a closed one. */
+static int connection_lost(ssize_t n)
+{
+    return n == 0 || (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR);
+}
+
 /* Skips the rest of an over-long line, in large reads rather than byte by
  * byte: looks at what has come and takes it up to and including the line
- * end, if there is one. 0 when the peer closed, else -1 (nothing to run). */
+ * end, if there is one. 0 when the connection is gone, else -1 (nothing to
+ * run). */
 static int discard_line(struct client_s* client)
 {
     char buf[4096];
     for (size_t done = 0; done < DISCARD_PER_CALL;) {
         ssize_t n = recv(client->sock, buf, sizeof buf, MSG_PEEK);
         if (n <= 0)
-            return n == 0 ? 0 : -1;
+            return connection_lost(n) ? 0 : -1;
         size_t take = (size_t)n;
         int end = 0;
         for (size_t i = 0; i < (size_t)n && !end; i++) {
@@ -119,7 +127,7 @@ static int discard_line(struct client_s* client)
         }
         ssize_t r = read(client->sock, buf, take);
         if (r <= 0)
-            return r == 0 ? 0 : -1;
+            return connection_lost(r) ? 0 : -1;
         if (end) {
             discarding[client->idx] = 0;
             return -1;
@@ -129,8 +137,8 @@ static int discard_line(struct client_s* client)
     return -1;
 }
 
-/* Reads one line: 1 with a line, 0 when the peer closed, -1 on an error or
- * when an over-long line is being discarded. */
+/* Reads one line: 1 with a line, 0 when the connection is gone, -1 while
+ * an over-long line is being discarded. */
 static int read_line(struct client_s* client, char* line)
 {
     if (discarding[client->idx])
@@ -139,11 +147,9 @@ static int read_line(struct client_s* client, char* line)
     for (;;) {
         char c;
         ssize_t r = read(client->sock, &c, 1);
-        if (r == 0)
-            return 0;
-        if (r < 0) {
-            if (errno != EAGAIN && errno != EWOULDBLOCK)
-                return -1;
+        if (r <= 0) {
+            if (connection_lost(r))
+                return 0;
             break; /* nothing more now: the request is what came */
         }
         if (c == '\n' || c == '\r')

@@ -126,6 +126,10 @@ TEST_F(Server, ClientsThatVanishOrNeverReadDoNotHurtTheOthers)
         vt::LineClient gone;
         connect_client(server, gone);
         gone.send("1 capabilities");
+        if (i % 2 == 1) { /* this one resets the connection */
+            struct linger hard = {1, 0};
+            setsockopt(gone.fd(), SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
+        }
         gone.close();
     }
     vt::LineClient flood;
@@ -136,6 +140,12 @@ TEST_F(Server, ClientsThatVanishOrNeverReadDoNotHurtTheOthers)
     flood.send_raw(burst); /* and never reads a reply */
     for (int i = 0; i < 10; i++)
         EXPECT_THAT(client.request(40 + i, "get"), Contains(HasSubstr(std::to_string(40 + i) + " data")));
+    /* Every slot the vanished clients held is free again. */
+    vt::LineClient more[3];
+    for (vt::LineClient& c : more) {
+        connect_client(server, c);
+        EXPECT_THAT(c.request(60, "get"), Contains(HasSubstr("60 data")));
+    }
     EXPECT_TRUE(server.running());
 }
 
