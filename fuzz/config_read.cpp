@@ -80,7 +80,7 @@ void check_same(const state_s& a, const state_s& b)
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
-    setenv("ORVIK_CONFIGPATH", fz::scratch_dir().c_str(), 1);
+    fz::use_scratch_app_data();
     _MTrace_SetLevel("default", 0);
     return 0;
 }

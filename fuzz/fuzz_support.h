@@ -109,8 +109,14 @@ struct Choices {
     }
 };
 
-/* The product's application-data folder under the scratch folder (the
- * targets point ORVIK_CONFIGPATH there), and emptying it between inputs. */
+/* Points the program's application-data root (ORVIK_CONFIGPATH) at the
+ * scratch folder: the product's folder is then app_folder(), emptied
+ * between inputs by clear_app_folder(). */
+inline void use_scratch_app_data()
+{
+    setenv("ORVIK_CONFIGPATH", scratch_dir().c_str(), 1);
+}
+
 inline std::string app_folder()
 {
     return scratch_dir() + "/Orvik/vela/";

@@ -91,7 +91,7 @@ void check_block(const unsigned char* block, uint8_t flip)
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
-    setenv("ORVIK_CONFIGPATH", fz::scratch_dir().c_str(), 1);
+    fz::use_scratch_app_data();
     _MTrace_SetLevel("default", 0);
     return 0;
 }
