@@ -3,7 +3,7 @@
 # Idempotent: does nothing and prints nothing when all are present.
 set -euo pipefail
 
-packages=(g++ cmake ninja-build make pkg-config zlib1g-dev libpng-dev libgtest-dev libgmock-dev
+packages=(g++ cmake ninja-build make pkg-config ccache zlib1g-dev libpng-dev libgtest-dev libgmock-dev
           clang libclang-rt-14-dev
           g++-arm-linux-gnueabihf qemu-user dpkg-dev lintian
           python3 python3-numpy python3-scipy python3-matplotlib)
