@@ -436,7 +436,7 @@ int vela_query_platform(void)
     } else {
         snprintf(state.machine, sizeof state.machine, "%s", machine);
         MIniData_SetStringEntry(state.h_ini, "general", "machine", state.machine);
-        MIniData_Save(state.h_ini);
+        util_ini_save();
     }
     state.machine_type = util_machine2type(state.machine);
     return state.machine_type < 0 ? -1 : 0;
@@ -488,6 +488,8 @@ static void close_all(void)
     opto_rs232_close(state.fdopto);
     vela_power_close();
     vela_motor_vganf_close();
+    if (state.ini_changed) /* a change whose save failed */
+        util_ini_save();
     MIniData_Destroy(state.h_ini);
     state.h_ini = NULL;
     if (state.fdidletimer != -1)
