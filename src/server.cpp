@@ -488,8 +488,6 @@ static void close_all(void)
     opto_rs232_close(state.fdopto);
     vela_power_close();
     vela_motor_vganf_close();
-    if (state.ini_changed) /* a change whose save failed */
-        util_ini_save();
     MIniData_Destroy(state.h_ini);
     state.h_ini = NULL;
     if (state.fdidletimer != -1)

@@ -233,6 +233,9 @@ TEST_F(PowerCut, CalibrationSaveCutAtEveryStep)
                 EXPECT_EQ("", ask(std::string("set ") + kCalibrationB)) << op << " " << err;
                 EXPECT_EQ(kValuesB, ask(kGetCalibration)) << op << " " << err;
                 ASSERT_TRUE(ctl_ok({"faults-clear"}));
+                /* the change stays pending: the next set of anything saves it */
+                ASSERT_EQ("", ask("set tracelevel=3"));
+                EXPECT_NE(std::string::npos, file("velatool.ini").find("w_offset=32000")) << op << " " << err;
                 failures++;
             }
         }
