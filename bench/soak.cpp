@@ -525,7 +525,7 @@ struct Tally {
     long scans = 0, scan_failures = 0, samples_asked = 0, samples_got = 0, bad_chunks = 0, odd_samples = 0;
     long moves = 0, moves_home_already = 0, calibrations = 0, calibrations_refused = 0;
     long eco_walks = 0, meas_walks = 0, suspends = 0, suspends_refused = 0, resumed = 0, resumed_shutdown = 0;
-    long button_wakes = 0, presses = 0, own_presses = 0, swallowed = 0, usb_dips_short = 0, usb_dips_long = 0, usb_plugins = 0;
+    long button_wakes = 0, presses = 0, own_presses = 0, swallowed = 0, usb_dips_short = 0, usb_dips_long = 0, usb_plugins = 0, in_plugins = 0;
     bool charging_at_end = false; /* a cycle under way that the server may have counted first */
     long charge_cycles = 0, autoinfo_runs = 0, autoinfo_reports = 0, monitor_requests = 0;
     long never_reader_requests = 0, slow_bytes = 0, slow_replies = 0, churn_done = 0, churn_refused = 0;
@@ -867,10 +867,11 @@ void board_run()
             phase = usb ? ChargeUsb : ChargeIn;
             /* A USB port gives 500 mA after a long dip: less load, so
              * that some of it charges the battery. */
-            if (usb) {
+            if (usb)
                 ctl("set supply.load_ma 200");
+            {
                 std::lock_guard<std::mutex> lock(tally.m);
-                tally.usb_plugins++;
+                (usb ? tally.usb_plugins : tally.in_plugins)++;
             }
             ctl(usb ? "set supply.usb_v 5" : "set supply.external_v 5");
         } else {
@@ -1207,6 +1208,8 @@ int main(int argc, char** argv)
     Counters k1 = read_counters(op);
     long operator_pressed = op.events["START pressed"];
     long batt_faults = op.events["batt fault"], batt_low = op.events["battery low"];
+    long charging = op.events["charging"];
+    long wd_expiries = std::lround(ctl_number("charger.watchdog_expiries"));
     op.close();
 
     bool alive = server_alive();
@@ -1305,6 +1308,15 @@ int main(int argc, char** argv)
     if (dips_down < -1 || dips_down > tally.usb_dips_long || dips_up < dips_down - 1 || dips_up > dips_down + 1)
         fail("USB gadget stopped %ld times and bound %ld times for %ld plug-ins and %ld long dips", gadget_stops,
              gadget_binds, tally.usb_plugins, tally.usb_dips_long);
+    /* The charger keeps its settings: no watchdog expiry, no fault, and a
+     * "charging" only for a supply that came (a plug-in or a dip's end). */
+    long supplies = tally.in_plugins + tally.usb_plugins + tally.usb_dips_short + tally.usb_dips_long;
+    if (wd_expiries != 0)
+        fail("the charger's watchdog expired %ld times", wd_expiries);
+    if (batt_faults != 0)
+        fail("'batt fault' %ld times", batt_faults);
+    if (charging > supplies)
+        fail("%ld 'charging' events for %ld plug-ins and dips", charging, supplies);
     /* An over-long line is skipped, not read byte by byte. */
     if (tally.flood_cpu_ms_max > 500)
         fail("a 1 MB line without end cost the server %.0f ms of processor time", tally.flood_cpu_ms_max);
@@ -1326,6 +1338,10 @@ int main(int argc, char** argv)
            tally.meas_walks, tally.eco_walks, tally.suspends, tally.button_wakes, tally.resumed,
            tally.resumed_shutdown, tally.suspends_refused, tally.presses, operator_pressed, tally.charge_cycles, batt_low, batt_faults,
            tally.usb_dips_short, tally.usb_dips_long, tally.usb_plugins, gadget_stops, gadget_binds);
+    printf("  charger: %ld watchdog expiries, %ld 'charging' events for %ld plug-ins (%ld IN, %ld USB) and %ld USB "
+           "dips\n",
+           wd_expiries, charging, tally.in_plugins + tally.usb_plugins, tally.in_plugins, tally.usb_plugins,
+           tally.usb_dips_short + tally.usb_dips_long);
     printf("  monitor: %ld requests over %ld connections (%ld refused as busy), %ld autoinfo subscriptions with "
            "%ld reports\n",
            tally.monitor_requests, mon.connects, mon.refusals, tally.autoinfo_runs, tally.autoinfo_reports);

@@ -380,9 +380,14 @@ TEST_F(charger, TheWatchdogRestoresTheDefaultsUnlessKicked)
     EXPECT_EQ(0x03, reg(0)); /* watchdog expired */
     EXPECT_EQ(0x00, reg(0));
 
-    /* Those reads started it again: any access does. */
+    /* Any access starts it, a bare read too. */
+    board("battery.voltage = 3.5");
+    int fd = open_chip();
+    uint8_t b = 0;
+    EXPECT_EQ(1, read(fd, &b, 1));
+    close(fd);
     sim::advance_clock(30 * kSecNs);
-    EXPECT_EQ("2", sim::get("charger.watchdog_expiries"));
+    EXPECT_EQ("1", sim::get("charger.watchdog_expiries"));
 
     ASSERT_TRUE(sim::set("charger.watchdog", "0"));
     ASSERT_EQ(0, put(5, 0x62));
