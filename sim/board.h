@@ -359,10 +359,11 @@ private:
 };
 
 /* Files of the sandbox, through the real libc: the whole content (false when
- * there is no file), and a write that creates missing parent folders and
- * replaces the file atomically (a temporary file renamed over it). */
+ * there is no file), and a write that creates the missing parent folders
+ * below root (none without one) and replaces the file atomically (a
+ * temporary file renamed over it). */
 bool read_whole_file(const std::string& path, std::string* content);
-bool write_whole_file(const std::string& path, const std::string& content);
+bool write_whole_file(const std::string& path, const std::string& content, const std::string& root = {});
 
 /* Normalises an absolute path (collapses "//" and "/./", drops a trailing
  * "/"); relative paths are returned unchanged. */

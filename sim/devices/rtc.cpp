@@ -81,7 +81,7 @@ private:
         return data;
     }
 
-    void store(const std::string& data) { write_whole_file(board_.fs_path(path()), data); }
+    void store(const std::string& data) { write_whole_file(board_.fs_path(path()), data, board_.dir()); }
 
     Board& board_;
 };
