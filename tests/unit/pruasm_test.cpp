@@ -224,6 +224,7 @@ TEST(Pruasm, ReportsEveryErrorWithItsLine)
         {"add r1, r1", "t.asm:1: 'add' takes 3 operands, not 2"},
         {"x: nop\nx: nop", "t.asm:2: symbol 'x' already defined on line 1"},
         {"r5: nop", "t.asm:1: 'r5' is a register name"},
+        {".equ 5a, 3", "t.asm:1: '5a' is not a symbol name"},
         {".equ a, b\n.equ b, a\nldi r1, a", "t.asm:3: symbol 'a' is defined in terms of itself"},
         {".org 8\n.org 4", "t.asm:2: '.org' 0x4 moves backwards"},
         {".org 8188\nnop\nnop", "t.asm:3: code beyond the 8192-byte image"},
