@@ -88,9 +88,9 @@ const Row kTable[] = {
 #define NO_ENGINE_STEPS "set pstate=meas;get pstate;scan x=0.1;move x=0;abort:move x=0;drop:scan x=1;get w;set pstate=ready"
 #define NO_ENGINE_SAW "error action failed \\|\\| data 4 \\|\\| error invalid pstate \\|\\| error invalid pstate \\|\\| " \
     "error invalid pstate \\| ready \\|\\|  \\|\\| error invalid pstate \\|\\| "
-    {"absent /dev/uio0", "ready", NO_ENGINE_STEPS, NO_ENGINE_SAW},
-    {"fault /dev/uio0 open EIO always", "ready", NO_ENGINE_STEPS, NO_ENGINE_SAW},
-    {"set pru.fault no-signal", "ready", NO_ENGINE_STEPS, NO_ENGINE_SAW},
+    {"set drive.position_mm 2;absent /dev/uio0", "ready", NO_ENGINE_STEPS, NO_ENGINE_SAW},
+    {"set drive.position_mm 2;fault /dev/uio0 open EIO always", "ready", NO_ENGINE_STEPS, NO_ENGINE_SAW},
+    {"set drive.position_mm 2;set pru.fault no-signal", "ready", NO_ENGINE_STEPS, NO_ENGINE_SAW},
 #define LATE_STEPS "abort:move x=0;drop:move x=0;move x=0;scan x=0.1;abort:scan x=1;drop:scan x=1;move x=0;set pstate=ready"
 #define LATE_SAW(scan, abort_scan) "error aborted \\| ready \\|\\|  \\|\\|  \\|\\| " scan " \\|\\| " abort_scan " \\| ready \\|\\|  \\|\\|  \\|\\| "
     {"set drive.position_mm 2;set pru.fault no-start", "meas", LATE_STEPS, LATE_SAW("error error", "error error")},
