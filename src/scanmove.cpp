@@ -26,6 +26,8 @@
 
 /* The "OF MINUS" warning went out in this scan. */
 static int of_min_reported;
+/* The samples this scan asked the firmware for. */
+static int scan_samples;
 
 /* A monotonic, non-blocking timer armed with first expiry and interval in
  * ms (interval 0: once); -1 if it cannot be made. */
@@ -175,17 +177,17 @@ int cb_scan(struct client_s* client, int argc, char** argv)
 
     MTRACE(4, "cb_scan(): starting aquisition for %d samples with %d samples/s", i_samples, i_sps);
     aquisition_stop(&state.pruss_info);
-    int ret = aquisition_start(&state.pruss_info, i_samples, i_sps, state.w_ov_min, state.w_ov_max, 1, 6,
-                               state.skip_samples, travel);
+    aquisition_start(&state.pruss_info, i_samples, i_sps, state.w_ov_min, state.w_ov_max, 1, 6, state.skip_samples,
+                     travel);
 
     state.scan_lastcount = 0;
     of_min_reported = 0;
+    scan_samples = i_samples;
 
-    state.fdscanmovetimer = ret == 0 ? scanmove_timer(SCAN_TICK_MS, SCAN_TICK_MS) : -1;
+    state.fdscanmovetimer = scanmove_timer(SCAN_TICK_MS, SCAN_TICK_MS);
     if (state.fdscanmovetimer < 0) {
-        /* Without the firmware or the timer the scan would never end (or
-         * end with samples of another acquisition): undo it. */
-        MTRACE(2, "cb_scan(): not started (aquisition_start: %d)", ret);
+        /* Without its timer the scan would never end: undo it. */
+        MTRACE(2, "cb_scan(): no scan timer");
         idle_aquisition();
         if (travel)
             vela_motor_dac_write(DAC_STANDSTILL);
@@ -241,9 +243,10 @@ int do_scan(void)
         return -22;
 
     volatile struct prucomm_s* comm = state.pruss_info.comm;
-    /* The state before the count: a finished acquisition's count is final
-     * and all its samples are written, an odd last one included. While the
-     * firmware runs only whole pairs are taken. */
+    /* The state before the count: once the scan's acquisition has finished
+     * with all its samples, the last of an odd count is written too. Until
+     * then (and for a count left from another acquisition) only whole
+     * pairs are taken. */
     int current_state = (int)comm->out_state;
     int current_count = (int)comm->out_count;
     uint32_t error = comm->out_error;
@@ -255,7 +258,7 @@ int do_scan(void)
     /* Never past the buffer, whatever the count says. */
     if (current_count < 0 || current_count > state.pruss_info.max_samples)
         current_count = state.pruss_info.max_samples;
-    if (current_state != 0)
+    if (current_state != 0 || current_count != scan_samples)
         current_count &= ~1;
 
     int failed = 0;

@@ -93,8 +93,8 @@ const Row kTable[] = {
     {"set drive.position_mm 2;set pru.fault no-signal", "ready", NO_ENGINE_STEPS, NO_ENGINE_SAW},
 #define LATE_STEPS "abort:move x=0;drop:move x=0;move x=0;scan x=0.1;abort:scan x=1;drop:scan x=1;move x=0;set pstate=ready"
 #define LATE_SAW(scan, abort_scan) "error aborted \\| ready \\|\\|  \\|\\|  \\|\\| " scan " \\|\\| " abort_scan " \\| ready \\|\\|  \\|\\|  \\|\\| "
-    {"set drive.position_mm 2;set pru.fault no-start", "meas", LATE_STEPS, LATE_SAW("error error", "error error")},
-    {"set drive.position_mm 2;set pru.fault no-stop", "meas", LATE_STEPS, LATE_SAW("error error", "error error")},
+    {"set drive.position_mm 2;set pru.fault no-start", "meas", LATE_STEPS, LATE_SAW("", "error aborted")},
+    {"set drive.position_mm 2;set pru.fault no-stop", "meas", LATE_STEPS, LATE_SAW("error timeout no data", "error aborted")},
     {"set drive.position_mm 2;set pru.fault stall", "meas", LATE_STEPS, LATE_SAW("error timeout no data", "error aborted")},
     {"set pru.fault stall", "meas", "get w z sin_freq", "data \\d+ -?\\d+\\.\\d{3} \\d+\\.\\d{2}"},
     {"set pru.error 2", "meas", "scan x=0.1", "error OF PLUS"},
