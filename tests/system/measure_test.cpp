@@ -1,6 +1,6 @@
-/* Measuring through the server, as a client sees it: power states, a scan
- * streaming its samples, the move home, autoinfo and abort, with the board's
- * clock in step mode. */
+/* Measuring through the server, as a client sees it: power states, the
+ * move home, autoinfo and abort with the board's clock in step mode; scans
+ * at every speed with it warping; the drive at the server's start. */
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -9,8 +9,6 @@
 #include "server.h"
 
 using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::StartsWith;
 
 namespace {
 
@@ -90,34 +88,6 @@ TEST_F(Measure, TheMeasuringChainFollowsThePowerState)
     std::vector<std::string> ready = run(5, "set pstate=ready", "20ms", 100);
     EXPECT_TRUE(!ready.empty() && vt::is_ready_line(ready.back(), 5));
     EXPECT_THAT(server.ctl({"get", "meas.power"}).out, "0\n");
-}
-
-/* A 1 mm scan at 0.5 mm/s: 2000 samples, every one delivered once, in data
- * lines every 100 ms, then the ready line with the time it took. */
-TEST_F(Measure, AScanStreamsEverySampleOnce)
-{
-    meas(1);
-    server.advance("1s"); /* the idle acquisition settles */
-    std::vector<std::string> lines = run(7, "scan x=1", "100ms", 40);
-    ASSERT_FALSE(lines.empty());
-    EXPECT_EQ("7 ack", lines.front());
-    ASSERT_TRUE(vt::is_ready_line(lines.back(), 7)) << lines.back();
-    EXPECT_THAT(lines.back(), StartsWith("7 ready 2."));
-    std::vector<uint16_t> samples;
-    int data_lines = 0;
-    for (const std::string& l : lines) {
-        if (l.compare(0, 7, "7 data ") != 0)
-            continue;
-        data_lines++;
-        std::vector<uint16_t> chunk = decode_samples(l.substr(7));
-        samples.insert(samples.end(), chunk.begin(), chunk.end());
-    }
-    EXPECT_EQ(2000u, samples.size());
-    EXPECT_GE(data_lines, 19);
-    /* The probe rides the roughness standard: the samples vary around its
-     * zero point. */
-    EXPECT_NE(samples.front(), samples[samples.size() / 2]);
-    EXPECT_THAT(client.request(8, "get meas_cycles"), ElementsAre("8 ack", "8 data 1", "8 ready 0.000"));
 }
 
 TEST_F(Measure, MoveHomeAutoinfoAndAbort)
@@ -203,7 +173,8 @@ TEST(MeasureScans, EverySpeedDeliversExactlyItsSamples)
             EXPECT_THAT(others, ElementsAre("ack", "ready")) << what;
         EXPECT_EQ(static_cast<size_t>(std::max(row.samples, 0)), samples) << what;
     }
-    EXPECT_THAT(client.request(id, "scan time=20"), testing::Contains(std::to_string(id) + " error value out of range"));
+    /* Every scan that ran counts as a measurement, the refused one not. */
+    EXPECT_THAT(client.request(id, "get meas_cycles"), testing::Contains(std::to_string(id) + " data 19"));
 }
 
 } // namespace

@@ -299,13 +299,9 @@ TEST_F(ScanMove, TimedScanAndLimitsStart)
     scan_abort(&client_);
     ASSERT_EQ(1, run("scan timeout=0.1"));
     scan_abort(&client_);
-    ASSERT_EQ(1, run("scan x=17.5"));
-    scan_abort(&client_);
-    ASSERT_EQ(1, run("scan x=0.1"));
-    scan_abort(&client_);
-    EXPECT_EQ(4u, state.meas_cycles);
+    EXPECT_EQ(2u, state.meas_cycles);
     auto all = lines();
-    EXPECT_EQ(4, std::count(all.begin(), all.end(), "7 error aborted"));
+    EXPECT_EQ(2, std::count(all.begin(), all.end(), "7 error aborted"));
 }
 
 TEST_F(ScanMove, EverySampleArrivesOnceInOrder)
