@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "board.h"
+#include "prussdrv.h"
 #include "pru_core.h"
 #include "simtest.h"
 #include "uio_pruss.h"
@@ -301,7 +302,15 @@ constexpr uint32_t kControl[2] = {0x22000, 0x24000};
 
 class Pruss : public vt::SimTest {
 protected:
-    std::string scenario() const override { return "[pru]\nengine = firmware\n[clock]\nmode = step\n"; }
+    std::string scenario() const override { return "[pru]\nengine = firmware\n"; }
+    void SetUp() override { fresh(); }
+    /* A new board, its clock moved only by the test. */
+    void fresh()
+    {
+        ASSERT_EQ("", sim::reset(scenario()));
+        ASSERT_TRUE(sim::clock_mode("step"));
+        sim::advance(); /* the generator's frequency reaches the channel */
+    }
     sim::Pruss& pruss() { return sim::Board::get().device<sim::Pruss>(); }
     uint32_t& reg(uint32_t off) { return pruss().reg(off); }
     void load(int pru, const std::vector<uint32_t>& words, uint32_t start = 0)
@@ -345,7 +354,7 @@ TEST_F(Pruss, EachHaltIsJournaledWithItsProgramCounter)
     };
     for (const HaltCase& c : cases) {
         SCOPED_TRACE(c.what);
-        ASSERT_EQ("", sim::reset(scenario()));
+        fresh();
         std::vector<uint32_t> words = c.words;
         if (std::string(c.what) == "outside")
             reg(kIram[0] + 4 * 0x7FF) = kNop;
@@ -353,6 +362,152 @@ TEST_F(Pruss, EachHaltIsJournaledWithItsProgramCounter)
         run_for(1000);
         EXPECT_THAT(vt::entries("halt"), testing::ElementsAre(c.line));
         EXPECT_EQ("halted", sim::get("pru0.state"));
+    }
+}
+
+/* The program's interrupt table: 17 PRU0->PRU1 (host 1), 19 PRU0->ARM
+ * (host 2), 21 ARM->PRU0 (host 0); and event 7, the IEP compare, on host 0
+ * as the firmware maps it. */
+const tpruss_intc_initdata kIntc = {
+    {7, 17, 18, 19, 20, 21, 22, -1},
+    {{7, 0}, {17, 1}, {18, 0}, {19, 2}, {20, 3}, {21, 0}, {22, 1}, {-1, -1}},
+    {{0, 0}, {1, 1}, {2, 2}, {3, 3}, {-1, -1}},
+    0xF,
+};
+
+class Events : public Pruss {
+protected:
+    void SetUp() override
+    {
+        Pruss::SetUp();
+        prussdrv_init();
+        ASSERT_EQ(0, prussdrv_open(PRU_EVTOUT_0));
+        ASSERT_EQ(0, prussdrv_pruintc_init(&kIntc));
+    }
+    void TearDown() override { prussdrv_exit(); }
+    /* PRU1 waits for event 17 from PRU0, then signals the host (19); PRU0
+     * waits for the host's event 21, marks its data RAM and raises 17. */
+    void start()
+    {
+        load(1, {wbs(R(31), 31), ldi(R(31, B0), 35), kHalt});
+        load(0, {wbs(R(31), 30), ldi(R(1), 0xAA), sbbo(1, 0, 0, 0, 4), ldi(R(31, B0), 33), kHalt});
+        run_for(100 * sim::kUs);
+    }
+    uint64_t interrupts() { return pruss().interrupts(0); }
+};
+
+TEST_F(Events, R31EventsReachTheOtherCoreAndTheHost)
+{
+    start();
+    EXPECT_EQ("waiting", sim::get("pru0.state"));
+    EXPECT_EQ("waiting", sim::get("pru1.state"));
+    EXPECT_EQ(0u, interrupts());
+    ASSERT_EQ(0, prussdrv_pru_send_event(21));
+    run_for(sim::kUs);
+    EXPECT_EQ(0xAAu, reg(0));
+    EXPECT_EQ("halted", sim::get("pru1.state"));
+    EXPECT_EQ(1u, interrupts());
+}
+
+TEST_F(Events, FaultsCutTheFirmwaresEvents)
+{
+    sim::set("pru.fault", "no-start");
+    start();
+    ASSERT_EQ(0, prussdrv_pru_send_event(21));
+    run_for(sim::kMs);
+    EXPECT_EQ(0u, reg(0));
+
+    sim::set("pru.fault", "no-signal");
+    ASSERT_EQ(0, prussdrv_pru_send_event(21));
+    run_for(sim::kMs);
+    EXPECT_EQ(0xAAu, reg(0));
+    EXPECT_EQ("halted", sim::get("pru1.state"));
+    EXPECT_EQ(0u, interrupts());
+}
+
+/* PRU0 paced by the IEP: CMP0 = (N - 1) * 5 gives a hit every N cycles,
+ * taken from R31 bit 30, cleared in CMP_STATUS and the INTC; it counts the
+ * hits in its data RAM. */
+TEST_F(Events, IepComparePacesTheCore)
+{
+    const uint32_t n = 1000;
+    load(0, {ldi(R(1), 0x551), ldi(R(2), 3), ldi(R(3), (n - 1) * 5), sbco(3, 26, 0x48, 4), sbco(2, 26, 0x40, 4),
+             sbco(1, 26, 0x00, 4), /* 6: */ wbs(R(31), 30), ldi(R(4), 1), sbco(4, 26, 0x44, 4), ldi(R(4), 7),
+             sbco(4, 0, 0x24, 4), alui(ADD, R(5), R(5), 1), sbco(5, 24, 0, 4), qb(7, -7, 0, 0)});
+    run_for(10 * sim::kMs);
+    uint32_t before = reg(0);
+    EXPECT_NEAR(2000, before, 2);
+    run_for(10 * sim::kMs);
+    EXPECT_EQ(2000u, reg(0) - before);
+    /* About eight instructions per hit, not one per cycle. */
+    EXPECT_LT(std::stoul(sim::get("pru0.insns")), 10u * 4001);
+}
+
+TEST_F(Pruss, AWaitForAPinCostsNoStepsUntilItChanges)
+{
+    load(1, {wbs(R(31), 0), kHalt});
+    run_for(sim::kUs);
+    uint64_t cycles = std::stoull(sim::get("pru1.cycles"));
+    run_for(sim::kSec);
+    EXPECT_EQ("waiting", sim::get("pru1.state"));
+    EXPECT_EQ("3", sim::get("pru1.insns")); /* one look at each advance of the board */
+    EXPECT_EQ(cycles + 200000000, std::stoull(sim::get("pru1.cycles")));
+}
+
+/* The channel on with a 20 kHz excitation over a flat workpiece, no noise. */
+class Pins : public Pruss {
+protected:
+    std::string scenario() const override
+    {
+        return Pruss::scenario() + "[meas]\npower = 1\n[sine]\ncontrol = 0\nfreq0 = 335544\n"
+                                   "[workpiece]\nprofile = 0:0\n[probe]\nnoise_raw = 0\n";
+    }
+    /* PRU0: one conversion (CONVST up and down, wait for BUSY to drop),
+     * the result to its data RAM. */
+    void convert()
+    {
+        load(0, {set_r30(), clr_r30(), qbb(true, 0, R(31), 16), alui(OR, R(1), R(31, W0), 0), sbbo(1, 0, 0, 0, 4),
+                 kHalt});
+        run_for(10 * sim::kUs);
+    }
+    static uint32_t set_r30() { return alui(SET, R(30), R(30), 0); }
+    static uint32_t clr_r30() { return alui(CLR, R(30), R(30), 0); }
+};
+
+TEST_F(Pins, TheAdcConvertsTheProbeAtConvst)
+{
+    convert();
+    EXPECT_EQ(39830u, reg(0));
+    EXPECT_EQ("halted", sim::get("pru0.state"));
+    EXPECT_EQ("0x0005", sim::get("pru0.pc"));
+
+    /* A stalled ADC keeps BUSY up. */
+    sim::set("pru.fault", "stall");
+    reg(0) = 0;
+    convert();
+    EXPECT_EQ("waiting", sim::get("pru0.state"));
+    EXPECT_EQ(0u, reg(0));
+}
+
+/* PRU1 drives the reference `delay` cycles after each rising edge of the
+ * comparator (a 20 kHz period is 10000 cycles); the probe's signal follows
+ * the cosine of the phase error, largest at 8/32. */
+TEST_F(Pins, TheReferencePhaseScalesTheProbe)
+{
+    struct {
+        uint32_t delay_loops; /* of two NOPs */
+        const char* phase;
+        uint32_t raw;
+    } cases[] = {{1250, "8", 39830}, {625, "4", 28164}, {0, "0", 0}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.phase);
+        fresh();
+        load(1, {ldi(R(5), c.delay_loops), qbb(true, 0, R(31), 0), wbs(R(31), 0), loop_reg(3, R(5, W0)), kNop,
+                 kNop, set_r30(), alui(CLR, R(30), R(30), 0), qb(7, -7, 0, 0)});
+        run_for(200 * sim::kUs);
+        EXPECT_EQ(c.phase, sim::get("meas.ref_phase"));
+        convert();
+        EXPECT_NEAR(c.raw, reg(0), 1);
     }
 }
 
