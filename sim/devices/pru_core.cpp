@@ -22,6 +22,7 @@ enum : uint8_t {
     kWrites31 = 8,  /* the destination is r31: the event interface */
     kSelf = 16,     /* a branch to itself */
     kNopBody = 32,  /* a LOOP whose body is NOPs only */
+    kBus = 64,      /* reaches beyond the register file */
 };
 
 constexpr uint32_t kNop = 0x12E0E0E0; /* or r0, r0, r0 */
@@ -181,6 +182,9 @@ PruCore::Insn decode(uint32_t w, uint32_t pc)
     default:
         break;
     }
+    bool pure = in.op <= LOOP && in.op != XFR && in.op != SLP;
+    if (!pure || (in.flags & (kReads31 | kWrites30 | kWrites31)))
+        in.flags |= kBus;
     return in;
 }
 
@@ -199,7 +203,7 @@ void PruCore::clear()
     pc_ = 0;
     r30_out_ = 0;
     state_ = State::Off;
-    cycle_ = stop_at_ = wait_from_ = started_at_ = stopped_at_ = 0;
+    cycle_ = stop_at_ = sync_at_ = wait_from_ = started_at_ = stopped_at_ = 0;
     insns_ = 0;
     loop_ = false;
 }
@@ -321,10 +325,11 @@ bool PruCore::xfr(const Insn& in)
     return true;
 }
 
-void PruCore::run(cycle_t limit)
+void PruCore::run(cycle_t limit, cycle_t sync)
 {
     stop_at_ = limit;
-    if (state_ == State::Waiting && cycle_ <= limit)
+    sync_at_ = sync;
+    if (state_ == State::Waiting && cycle_ <= std::min(limit, sync))
         state_ = State::Running;
     while (state_ == State::Running && cycle_ <= stop_at_) {
         if (pc_ >= kIramWords) {
@@ -332,6 +337,8 @@ void PruCore::run(cycle_t limit)
             break;
         }
         const Insn& in = code_[pc_];
+        if ((in.flags & kBus) && cycle_ > sync_at_)
+            break;
         if (in.flags & kReads31)
             r_[31] = bus_.input(index_, cycle_);
         else if (in.flags & kWrites31)

@@ -167,11 +167,11 @@ void PruEngine::advance(ns_t now)
             continue;
         }
         const PruCore& b = a == &core0_ ? core1_ : core0_;
-        cycle_t limit = std::min(end, iep_next_);
+        cycle_t sync = iep_next_;
         if (b.active() && b.cycle() != kNeverCycle)
-            limit = std::min(limit, a == &core0_ ? b.cycle() : b.cycle() - 1);
+            sync = std::min(sync, a == &core0_ ? b.cycle() : b.cycle() - 1);
         running_ = a;
-        a->run(limit);
+        a->run(end, sync);
         running_ = nullptr;
     }
     done_ = end;

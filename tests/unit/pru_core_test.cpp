@@ -128,7 +128,7 @@ protected:
         for (size_t i = 0; i < regs.size(); i++)
             core.set_reg(static_cast<int>(i + 1), regs[i]);
         core.start(0, 0);
-        core.run(cycles);
+        core.run(cycles, cycles);
     }
     uint32_t iram[PruCore::kIramWords] = {};
     uint32_t scratch[90] = {};
@@ -290,7 +290,7 @@ TEST_F(Core, AWaitOnAnInputCostsNothingUntilPoked)
     EXPECT_EQ(1u, core.insns());
     bus.r31 = 1u << 5;
     core.poke(500);
-    core.run(1000000);
+    core.run(1000000, 1000000);
     EXPECT_EQ(1u, core.reg(3));
     EXPECT_EQ(500u + 2, core.cycles()); /* the HALT's own cycle */
 }
