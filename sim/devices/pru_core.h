@@ -130,8 +130,9 @@ private:
     cycle_t started_at_ = 0;
     cycle_t stopped_at_ = 0;
     uint64_t insns_ = 0;
-    bool loop_ = false;
-    uint32_t loop_top_ = 0, loop_end_ = 0, loop_left_ = 0;
+    /* The hardware loop; its end is kNoLoop while none runs. */
+    static constexpr uint32_t kNoLoop = UINT32_MAX;
+    uint32_t loop_top_ = 0, loop_end_ = kNoLoop, loop_left_ = 0;
 };
 
 } // namespace sim

@@ -418,6 +418,8 @@ bool PruEngine::store(int pru, uint32_t addr, const uint8_t* src, uint32_t len, 
         return true;
     if (!has_registers(off, len)) {
         memcpy(pruss_.mem(off), src, len);
+        if (pru == 0 && frozen())
+            core0_.limit(c); /* no-stop: nothing more from PRU0 */
         return true;
     }
     for (uint32_t i = 0; i < len;) {
