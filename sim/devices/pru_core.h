@@ -96,7 +96,6 @@ public:
 
 private:
     void decode_all();
-    bool step(const Insn& in, unsigned* cost);
     bool burst(const Insn& in, uint32_t addr, unsigned* cost);
     bool xfr(const Insn& in);
     void wait(uint32_t mask);

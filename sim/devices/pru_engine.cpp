@@ -14,7 +14,7 @@ constexpr ns_t kTick = 5;                 /* 200 MHz */
 constexpr ns_t kRunQuantum = 10 * kUs;    /* how often a busy core is looked at */
 constexpr uint32_t kIram[2] = {0x34000, 0x38000};
 constexpr uint32_t kControl[2] = {0x22000, 0x24000};
-constexpr uint32_t kOwnRam = 0x0000, kOtherRam = 0x2000, kRamEnd = 0x4000;
+constexpr uint32_t kOtherRam = 0x2000, kRamEnd = 0x4000;
 constexpr uint32_t kIntcEnd = 0x22000, kControlEnd = 0x26000;
 constexpr uint32_t kIep = 0x2E000, kIepEnd = 0x2F000;
 constexpr uint32_t kOcp = 0x80000;        /* from here the master port: global addresses */
@@ -25,7 +25,7 @@ constexpr uint32_t kOutState = Pruss::kSharedRam + 52;
 /* Control block registers and CONTROL bits. */
 enum : uint32_t { CONTROL = 0x0, STATUS = 0x4, WAKEUP_EN = 0x8, CYCLE = 0xC, CTBIR0 = 0x20, CTBIR1 = 0x24,
                   CTPPR0 = 0x28, CTPPR1 = 0x2C };
-constexpr uint32_t kEnable = 1u << 1, kSleeping = 1u << 2, kCounterEnable = 1u << 3, kRunState = 1u << 15;
+constexpr uint32_t kEnable = 1u << 1, kCounterEnable = 1u << 3, kRunState = 1u << 15;
 
 /* IEP registers. */
 enum : uint32_t { GLOBAL_CFG = 0x00, GLOBAL_STATUS = 0x04, COUNT = 0x0C, CMP_CFG = 0x40, CMP_STATUS = 0x44,
@@ -239,11 +239,9 @@ void PruEngine::take_control(cycle_t c)
 uint32_t PruEngine::control_word(int pru) const
 {
     const PruCore& c = core(pru);
-    uint32_t ctl = pruss_.word(kControl[pru]) & ~(kRunState | kSleeping | kEnable);
+    uint32_t ctl = pruss_.word(kControl[pru]) & ~(kRunState | kEnable);
     if (c.active())
         ctl |= kEnable | kRunState;
-    if (c.state() == PruCore::State::Waiting)
-        ctl |= kSleeping;
     return ctl;
 }
 
