@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <fstream>
 #include <string>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -265,6 +266,21 @@ TEST_F(ServerSlowReader, AFloodingClientIsDroppedAndDelaysNobody)
     EXPECT_THAT(server.err(), HasSubstr("left more than 262144 bytes of replies unread"));
     read_all(2); /* no such id: everything up to the close */
     EXPECT_TRUE(reader.closed_by_peer(0));
+}
+
+/* The program binds to every interface; on the simulated board only the
+ * loopback interface is reached. */
+TEST_F(Server, OnTheSimulatedBoardTheServerListensOnLoopbackOnly)
+{
+    std::ifstream tcp("/proc/net/tcp");
+    char port[8];
+    snprintf(port, sizeof port, ":%04X ", server.port());
+    std::string line, listening;
+    while (std::getline(tcp, line)) {
+        if (line.find(port) != std::string::npos && line.find(" 0A ") != std::string::npos)
+            listening = line;
+    }
+    EXPECT_THAT(listening, HasSubstr(std::string("0100007F") + port));
 }
 
 TEST(ServerStart, APortInUseEndsTheServerWithStatusOne)
