@@ -77,9 +77,6 @@ int handle_new_connection(void)
         MTRACE(3, "handle_new_connection(): Connection accepted: FD=%d; Slot=%d", fd, i);
         client->sock = fd;
         client->idx = i;
-        client->in_len = 0;
-        client->in_discard = 0;
-        client->in_eof = 0;
         int bstate = 0, level = 0;
         vela_batt_state_get(&bstate, &level);
         vela_send_battery_event(client, bstate);
@@ -97,6 +94,9 @@ static void close_client(struct client_s* client)
 {
     close(client->sock);
     client->sock = -1;
+    client->in_len = 0;
+    client->in_discard = 0;
+    client->in_eof = 0;
     client_drop_output(client);
 }
 
@@ -132,11 +132,15 @@ static int fill_input(struct client_s* client)
     if (n == 0)
         client->in_eof = 1;
     client->in_len += (size_t)n;
-    /* While an over-long line is dropped, the tail belongs to it unless a
-     * line end came. */
+    /* The unterminated tail: a request of its own, unless it belongs to an
+     * over-long line, whose rest is dropped up to a real line end. */
     int drained = n == 0 || (size_t)n < room;
-    if (drained && (!client->in_discard || line_end(client) < client->in_len) && client->in_len > 0 && client->in[client->in_len - 1] != '\n' &&
-        client->in[client->in_len - 1] != '\r')
+    size_t tail = 0;
+    while (tail < client->in_len && client->in[client->in_len - 1 - tail] != '\n' &&
+           client->in[client->in_len - 1 - tail] != '\r')
+        tail++;
+    int whole_input = tail == client->in_len; /* no line end in it */
+    if (drained && tail > 0 && tail < REMOTE_LINE_MAX && !(client->in_discard && whole_input))
         client->in[client->in_len++] = '\n';
     return 0;
 }
