@@ -100,12 +100,11 @@ static void close_client(struct client_s* client)
     client_drop_output(client);
 }
 
-/* The connection is gone: what this client started must not run on. */
 static void lose_client(struct client_s* client)
 {
     MTRACE(3, "deal_with_data(): Connection lost: sock=%d, idx=%d", client->sock, client->idx);
     close_client(client);
-    do_abort(client, -1);
+    do_abort(client, -1); /* what this client started must not run on */
 }
 
 /* Where the first line of the input ends; in_len if it has no end yet. */
