@@ -442,7 +442,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     if (client->sock >= 0) {
         /* the client goes away */
         shutdown(conn.client, SHUT_WR);
-        deal_with_data(client);
+        do
+            deal_with_data(client);
+        while (client->sock >= 0 && client_has_request(client));
         if (client->sock >= 0)
             fail("the server kept a closed connection", "");
     }

@@ -275,7 +275,8 @@ int client_has_request(const struct client_s* client)
         return 0;
     if (client->in_eof)
         return 1; /* if only to close it */
-    return line_end(client) < client->in_len;
+    /* a whole line, or the start of one too long to wait for its end */
+    return line_end(client) < client->in_len || client->in_len >= REMOTE_LINE_MAX;
 }
 
 void deal_with_data(struct client_s* client)
