@@ -212,14 +212,19 @@ protected:
     }
 
     /* Everything the reader gets until the server closes it or sends the
-     * ready line of id; every line must be whole. */
+     * ready line of id; every line must be whole, none glued to another. */
     std::vector<std::string> read_all(int id)
     {
         std::vector<std::string> lines =
             reader.read_until([id](const std::string& l) { return vt::is_ready_line(l, id); }, 20000);
         for (const std::string& l : lines)
             EXPECT_TRUE(vt::is_reply_line(l)) << "torn: " << l.substr(0, 80);
-        EXPECT_EQ("", reader.drain(0).substr(0, 80)) << "a line without its end";
+        /* Only a reset connection may end inside a line: the kernel drops
+         * what it had not sent. */
+        std::string tail = reader.drain(0);
+        if (!reader.closed_by_peer(0)) {
+            EXPECT_EQ("", tail.substr(0, 80)) << "a line without its end";
+        }
         return lines;
     }
 
