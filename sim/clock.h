@@ -113,9 +113,9 @@ std::string format_wall_time(ns_t ns);
 /* "12.345678" */
 std::string format_seconds(ns_t ns);
 
-#if __TIMESIZE == 64 || defined __USE_TIME_BITS64
-/* Not for the wrappers, which a 32-bit target builds with a 32-bit time_t
- * (sim/CMakeLists.txt): this struct timespec is the 64-bit one. */
+#ifndef VELASIM_WRAPPER
+/* Not for the wrappers, which may see another struct timespec than the
+ * rest of the board (sim/CMakeLists.txt). */
 struct timespec to_timespec(ns_t ns);
 inline ns_t from_timespec(const struct timespec& ts)
 {
