@@ -436,7 +436,7 @@ int vela_query_platform(void)
     } else {
         snprintf(state.machine, sizeof state.machine, "%s", machine);
         MIniData_SetStringEntry(state.h_ini, "general", "machine", state.machine);
-        MIniData_Save(state.h_ini);
+        util_ini_save();
     }
     state.machine_type = util_machine2type(state.machine);
     return state.machine_type < 0 ? -1 : 0;
@@ -556,6 +556,11 @@ int remotecontrol(int port)
     struct timeval timeout = {10, 0};
     if (vela_cpufreq_set(1) != 0)
         MTRACE(2, "Switching to high cpu frequency mode failed");
+
+    /* Ready has the drive stopped and unpowered; a server that died during
+     * a move would otherwise leave it running against its end stop. */
+    vela_motor_dac_write(DAC_STANDSTILL);
+    vela_motor_power_ctrl(0);
 
     state.run = 1;
     while (state.run) {
