@@ -266,7 +266,7 @@ int do_suspend(void)
 
         if (state.sleep_time != 0) {
             time_t now = time(NULL);
-            MTRACE(3, "checking sleep_time: now=%d, resume_time=%d", (int)now, (int)resume_time);
+            MTRACE(3, "checking sleep_time: now=%lld, resume_time=%lld", (long long)now, (long long)resume_time);
             if (now > resume_time) {
                 MTRACE(3, "wake up elapsed sleep_time");
                 shutdown = 1;
