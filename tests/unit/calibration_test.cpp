@@ -368,13 +368,7 @@ TEST_F(Calibration, TheSecondPointIsCheckedInOrder)
 TEST_F(Calibration, ASecondPointThatMakesNoSenseCancelsTheFirst)
 {
     start_meas();
-    const struct {
-        double um1;
-        const char* x1;
-        double um2;
-        const char* x2;
-        const char* reply;
-    } cases[] = {
+    const struct { double um1; const char* x1; double um2; const char* x2; const char* reply; } cases[] = {
         {50, "50", 50, "0", "7 error value out of range\n"},          /* the same raw reading twice */
         {50, "50", -50, "60", "7 error w_scale out of range\n"},      /* higher up reads lower */
         {50, "50", -50, "50", "7 error w_offset out of range\n"},     /* both points at one height */
