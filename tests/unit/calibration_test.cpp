@@ -135,7 +135,7 @@ TEST_F(Calibration, StoredCalibrationIsCheckedAndWrittenToTheConfiguration)
     EXPECT_EQ("", set(cb_x_corr_set, "0.7"));
     EXPECT_EQ("", set(cb_x_corr_set, "1.3"));
     EXPECT_EQ(kOutOfRange, set(cb_x_corr_set, "1.31"));
-    EXPECT_EQ(kOutOfRange, set(cb_x_corr_set, "abc")); /* reads as 0 */
+    EXPECT_EQ(kOutOfRange, set(cb_x_corr_set, "abc"));
     EXPECT_EQ(kOutOfRange, set(cb_x_corr_set, "nan"));
     EXPECT_EQ("1.300000000", get(cb_x_corr_get));
 
@@ -146,8 +146,8 @@ TEST_F(Calibration, StoredCalibrationIsCheckedAndWrittenToTheConfiguration)
     EXPECT_EQ(1, state.ini_changed);
     EXPECT_EQ(kOutOfRange, set(cb_w_offset_set, "65536"));
     EXPECT_EQ(kOutOfRange, set(cb_w_offset_set, "-1"));
-    EXPECT_EQ("", set(cb_w_offset_set, "0x100")); /* atoi: 0 */
-    EXPECT_EQ("0", get(cb_w_offset_get));
+    EXPECT_EQ(kOutOfRange, set(cb_w_offset_set, "0x100"));
+    EXPECT_EQ("65535", get(cb_w_offset_get));
 
     /* A zero scale is accepted. */
     EXPECT_EQ("", set(cb_w_scale_set, "0.00001"));

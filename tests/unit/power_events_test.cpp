@@ -335,7 +335,7 @@ TEST_F(PowerEvents, EventLinesToOneClient)
 {
     int sv[2];
     ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, sv));
-    struct client_s client = {sv[0], 0, 0, {0, 0}};
+    struct client_s client = {.sock = sv[0]};
     for (int s = 0; s <= 6; s++)
         EXPECT_EQ(0, vela_send_battery_event(&client, s));
     for (int l = 0; l <= 4; l++)

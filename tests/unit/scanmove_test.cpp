@@ -17,11 +17,11 @@
 #include <unistd.h>
 #include <vector>
 
-#include "base64.h"
 #include "configtest.h"
 #include "measurement.h"
 #include "motorctrl.h"
 #include "scanmove.h"
+#include "server.h"
 #include "util.h"
 #include "velatool.h"
 
@@ -35,15 +35,7 @@ using testing::StartsWith;
 
 namespace {
 
-std::vector<uint16_t> decode_samples(const std::string& text)
-{
-    std::string bytes;
-    EXPECT_TRUE(MBase64_Decode(text.data(), text.size(), &bytes)) << text;
-    std::vector<uint16_t> out;
-    for (size_t i = 0; i + 1 < bytes.size(); i += 2)
-        out.push_back(static_cast<uint16_t>(static_cast<uint8_t>(bytes[i]) | static_cast<uint8_t>(bytes[i + 1]) << 8));
-    return out;
-}
+using vt::decode_samples;
 
 class ScanMove : public vt::ConfigTest {
 protected:

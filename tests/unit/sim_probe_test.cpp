@@ -4,11 +4,13 @@
 #include <gtest/gtest.h>
 
 #include <dirent.h>
+#include <netinet/in.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/select.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/timerfd.h>
@@ -185,6 +187,11 @@ TEST_F(Probe, EveryWrappedNameIsIntercepted)
     close(tfd);
     close(mkostemp64(t4.data(), O_CLOEXEC));
     EXPECT_EQ(0, system("hwclock -w")); /* simulated, never run */
+    int sock = socket(AF_INET, SOCK_STREAM, 0);
+    struct sockaddr_in any = {};
+    any.sin_family = AF_INET;
+    EXPECT_EQ(0, bind(sock, reinterpret_cast<struct sockaddr*>(&any), sizeof any));
+    close(sock);
 
     for (int i = 0; i < SIM_WRAP_COUNT; i++)
         EXPECT_GT(sim_call_count(i), 0u) << sim_wrapped_names[i] << " was not intercepted";
