@@ -92,6 +92,7 @@ TEST(ServerRefusals, RequestsThatCannotBeServedFaithfullyChangeNothing)
     } refusals[] = {
         {"3 " + many, "3 error syntax invalid"},
         {"4 set blight=70 opto_rs232=" + std::string(250, 'a'), "4 error syntax invalid"},
+        {"15 set opto_rs232=" + std::string(238, 'a'), "15 error syntax invalid"}, /* 256 bytes: one too many */
         {"4294967296 get batt", ""},
         {"2147483648 get batt", ""},
         {"5 set blight=abc", "5 error value out of range"},
