@@ -403,6 +403,20 @@ TEST_F(ScanMove, FirmwareFailures)
     EXPECT_LE(got.size(), 1100u);
     EXPECT_EQ(4u, state.meas_cycles);
     sim::set("pru.fault", "none");
+
+    /* A count past the buffer (a firmware gone wrong) is never read past it. */
+    state.pruss_info.max_samples = 3000;
+    ASSERT_EQ(1, run("scan x=1"));
+    serve([](int tick) {
+        if (tick == 2) {
+            sim::set("pru.fault", "stall");
+            state.pruss_info.comm->out_count = 0x7fffff00u;
+        }
+    });
+    rest.clear();
+    EXPECT_EQ(3000u, samples_of(lines(), 7, &rest).size());
+    EXPECT_THAT(rest, ElementsAre("7 error timeout", MatchesRegex("7 ready 3\\.[0-9]{3}")));
+    sim::set("pru.fault", "none");
 }
 
 TEST_F(ScanMove, MoveHomeEndsAtTheEndSwitch)
