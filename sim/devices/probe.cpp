@@ -72,7 +72,9 @@ int Probe::raw(const MeasChannel& meas, double x_mm, uint64_t n) const
 {
     if (!meas.power || meas.sine_hz <= 0)
         return 0;
-    double code = zero_raw + height_um(x_mm) / 1000.0 / mm_per_raw + noise_raw * noise(n);
+    /* The synchronous demodulator passes the cosine of its phase error. */
+    double gain = std::cos(2 * M_PI * (meas.ref_phase - 8) / 32.0);
+    double code = gain * (zero_raw + height_um(x_mm) / 1000.0 / mm_per_raw) + noise_raw * noise(n);
     return static_cast<int>(std::clamp(std::lround(code), 0L, 65535L));
 }
 

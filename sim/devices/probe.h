@@ -30,7 +30,8 @@ public:
     /* Height of the surface at x_mm from the end switch. */
     double height_um(double x_mm) const;
     /* ADC code of conversion number n with the probe at x_mm; 0 (the rail)
-     * unless the channel is powered and excited. */
+     * unless the channel is powered and excited; scaled by the cosine of the
+     * demodulator's phase error. */
     int raw(const MeasChannel& meas, double x_mm, uint64_t n) const;
 
     void reset() override;

@@ -39,6 +39,7 @@ public:
     void advance(ns_t now);
     ns_t next_event(ns_t now) const;
     std::string state() const;
+    Fault fault() const { return fault_; }
 
 private:
     enum class Phase { Off, Booting, MainLoop };

@@ -7,6 +7,7 @@
 
 #include "attr.h"
 #include "device.h"
+#include "pru_engine.h"
 #include "pru_firmware.h"
 #include "syscalls.h"
 
@@ -45,6 +46,8 @@ constexpr uint32_t kControlEnable = 1u << 1;
 constexpr uint32_t kSyscfgReset = 0x1A;
 constexpr int kDefaultPool = 256 * 1024; /* the kernel's extram_pool_sz */
 constexpr int kFirstEvtoutHost = 2;      /* PRU_EVTOUT0 is INTC host 2 */
+constexpr int kEvtFromHost = 21;
+constexpr uint32_t kInDelay = Pruss::kSharedRam + 116;
 
 uint8_t* map_memfd(const char* name, size_t size, int* fd)
 {
@@ -144,9 +147,10 @@ private:
 } // namespace
 
 Pruss::Pruss(Board& board, Probe& probe, MeasChannel& meas, Drive& drive)
-    : board_(board), firmware_(std::make_unique<PruFirmware>(*this, board, probe, meas, drive))
+    : board_(board), firmware_(std::make_unique<PruFirmware>(*this, board, probe, meas, drive)), meas_(meas)
 {
     regs_ = map_memfd("pruss-regs", kRegsSize, &regs_fd_);
+    engine_ = std::make_unique<PruEngine>(*this, board, probe, meas, drive, *firmware_);
     board.params().add_int("pru.extram_size", &pool_size_, "DDR pool of uio_pruss (map1), bytes (4096..67108864)",
                            4096, 64 << 20);
     for (int n = 0; n < 8; n++) {
@@ -280,6 +284,8 @@ void Pruss::reset()
     if (ddr_ != nullptr)
         memset(ddr_, 0, ddr_size_);
     firmware_->reset();
+    engine_->reset();
+    r31_hosts_ = 0;
 }
 
 void Pruss::create_files(Board&)
@@ -320,6 +326,9 @@ void Pruss::take_host_writes()
         if ((raised >> e) & 1)
             board_.journal("pruss", "raise", std::to_string(e));
     }
+    /* pru.fault no-start on the firmware: the request never reaches PRU0. */
+    if (engine_->selected() && firmware_->fault() == PruFirmware::Fault::NoStart)
+        raised &= ~(uint64_t{1} << kEvtFromHost);
     status_ |= raised;
     uint32_t host_off = reg(kIntc + HIDISR);
     uint32_t host_on = reg(kIntc + HIEISR);
@@ -361,18 +370,31 @@ void Pruss::deliver_interrupts()
     }
 }
 
-void Pruss::advance(ns_t now)
+void Pruss::intc_changed()
 {
     take_host_writes();
+    r31_hosts_ = (host_active(0) ? 1u << 30 : 0) | (host_active(1) ? 1u << 31 : 0);
+    deliver_interrupts();
+}
+
+void Pruss::advance(ns_t now)
+{
+    intc_changed();
     watch_host();
-    firmware_->advance(now);
+    engine_->advance(now);
+    if (!engine_->selected()) {
+        firmware_->advance(now);
+        /* The model's reference sits where in_delay puts it. */
+        if (pru_enabled(0))
+            meas_.ref_phase = static_cast<int>(reg(kInDelay) % 32);
+    }
     syscfg_ = reg(kCfg + 4);
     deliver_interrupts();
 }
 
 ns_t Pruss::next_event(ns_t now)
 {
-    return firmware_->next_event(now);
+    return engine_->selected() ? engine_->next_event(now) : firmware_->next_event(now);
 }
 
 VELASIM_DEVICE(Pruss, Probe, MeasChannel, Drive);

@@ -22,6 +22,7 @@
 namespace sim {
 
 class PruFirmware;
+class PruEngine;
 
 class Pruss : public Model {
 public:
@@ -39,6 +40,8 @@ public:
 
     /* The PRUs' side. */
     uint32_t& reg(uint32_t offset); /* a word of map0 */
+    uint32_t word(uint32_t offset) const { return *reinterpret_cast<const uint32_t*>(regs_ + offset); }
+    uint8_t* mem(uint32_t offset) { return regs_ + offset; }
     /* The pool bytes at a physical address, or null outside the pool. */
     uint8_t* ddr(uint32_t phys, size_t len);
     bool pru_enabled(int pru);  /* control register ENABLE */
@@ -47,6 +50,12 @@ public:
     /* A PRU polling its host interrupt: true (and the event cleared) if the
      * event is pending and reaches that host. */
     bool take(int host, int event);
+    /* The controller after a core raised an event or wrote its registers:
+     * commands taken, host interrupts delivered, R31 bits 30/31 updated. */
+    void intc_changed();
+    uint32_t r31_hosts() const { return r31_hosts_; }
+    uint64_t intc_status() const { return status_; }
+    uint64_t intc_enabled() const { return enabled_; }
 
     /* The bus face. */
     int region(int map, size_t* size); /* memfd of map0 or map1, -1 for others */
@@ -66,6 +75,8 @@ private:
 
     Board& board_;
     std::unique_ptr<PruFirmware> firmware_;
+    std::unique_ptr<PruEngine> engine_;
+    MeasChannel& meas_;
     int regs_fd_ = -1;
     uint8_t* regs_ = nullptr;
     int ddr_fd_ = -1;
@@ -77,6 +88,7 @@ private:
     uint64_t interrupts_[8] = {};
     bool pru_was_enabled_[2] = {};
     uint32_t syscfg_ = 0;
+    uint32_t r31_hosts_ = 0; /* host interrupts 0 and 1 as R31 bits 30 and 31 */
 };
 
 } // namespace sim
