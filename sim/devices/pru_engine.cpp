@@ -94,6 +94,7 @@ PruEngine::PruEngine(Pruss& pruss, Board& board, Probe& probe, MeasChannel& meas
         p.add_readonly(k + ".insns", [this, pru] { return std::to_string(core(pru).insns()); },
                        "core: instructions executed since it was started (the host's cost)");
     }
+    p.add_readonly("pru.state", [this] { return state(); }, "firmware: off, booting, idle or acquiring");
 }
 
 void PruEngine::reset()
@@ -117,6 +118,16 @@ void PruEngine::reset()
     iep_count0_ = 0;
     iep_next_ = kNeverCycle;
     conv_index_ = 0;
+}
+
+/* The model's, or what the firmware shows of itself. */
+std::string PruEngine::state() const
+{
+    if (!selected_)
+        return model_.state();
+    if (!core0_.active())
+        return "off";
+    return pruss_.word(kOutState) == 1 ? "acquiring" : "idle";
 }
 
 /* ---- scheduling ---- */
@@ -417,7 +428,10 @@ bool PruEngine::store(int pru, uint32_t addr, const uint8_t* src, uint32_t len, 
     if (off + len > Pruss::kRegsSize)
         return true;
     if (!has_registers(off, len)) {
+        uint32_t state = pruss_.word(kOutState);
         memcpy(pruss_.mem(off), src, len);
+        if (pruss_.word(kOutState) != state)
+            PruFirmware::journal_state(board_, pruss_);
         return true;
     }
     for (uint32_t i = 0; i < len;) {
@@ -475,6 +489,8 @@ void PruEngine::write_reg(int pru, uint32_t off, uint32_t v, cycle_t c)
     pruss_.reg(off) = v;
     if (r != CONTROL)
         return;
+    /* The core's own write (its counter bit): not a start by the program. */
+    control_seen_[which] = v;
     if (!(v & kEnable))
         core(which).stop();
     recount(which, c);

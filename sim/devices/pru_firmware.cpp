@@ -105,7 +105,6 @@ PruFirmware::PruFirmware(Pruss& pruss, Board& board, Probe& probe, MeasChannel& 
            true});
     p.add_int("pru.error", &error_code_, "error code the firmware reports in every acquisition (0: none)", 0,
               INT32_MAX);
-    p.add_readonly("pru.state", [this] { return state(); }, "firmware: off, booting, idle or acquiring");
     p.add_readonly("pru.conversions", [this] { return std::to_string(conversions_); },
                    "conversions the model computed (its cost)");
 }
@@ -212,13 +211,8 @@ void PruFirmware::latch(ns_t now)
         comm(off) = 0;
     comm(OUT_MIN) = 0xFFFF;
 
-    char text[160];
-    snprintf(text, sizeof text, "count=%u interval=%u ovs=%u filter=%u mode=%u skip=%u min=%u max=%u", req_.maxcount,
-             req_.interval, req_.ovsdepth, req_.filter, req_.mode, req_.skip, req_.minvalid, req_.maxvalid);
-    board_.journal("pruss", "acquire", text);
     if (uint32_t error = check(req_)) {
         comm(OUT_ERROR) = error;
-        finish();
         return;
     }
 
@@ -234,6 +228,7 @@ void PruFirmware::latch(ns_t now)
     pos_mm_ = drive_.position_mm;
     comm(OUT_STATE) = 1;
     acquiring_ = true;
+    journal_state(board_, pruss_);
 }
 
 /* All conversions due up to now, in the firmware's order: at each compare
@@ -349,7 +344,24 @@ void PruFirmware::finish()
 {
     comm(OUT_STATE) = 0;
     acquiring_ = false;
-    board_.journal("pruss", "done", "count=" + std::to_string(comm(OUT_COUNT)) + " error=" + std::to_string(comm(OUT_ERROR)));
+    journal_state(board_, pruss_);
+}
+
+/* The request as the firmware latched it when out_state went to 1 (the host
+ * leaves the in_ fields alone while it runs), the outcome when it went back. */
+void PruFirmware::journal_state(Board& board, Pruss& pruss)
+{
+    auto word = [&pruss](uint32_t off) { return pruss.word(Pruss::kSharedRam + off); };
+    if (word(OUT_STATE) == 0) {
+        board.journal("pruss", "done", "count=" + std::to_string(word(OUT_COUNT)) + " error=" +
+                                           std::to_string(word(OUT_ERROR)));
+        return;
+    }
+    char text[160];
+    snprintf(text, sizeof text, "count=%u interval=%u ovs=%u filter=%u mode=%u skip=%u min=%u max=%u",
+             word(IN_MAXCOUNT), word(IN_INTERVAL), word(IN_OVSDEPTH), word(IN_FILTER), word(IN_MODE),
+             word(IN_SKIP_SAMPLES), word(IN_MINVALID), word(IN_MAXVALID));
+    board.journal("pruss", "acquire", text);
 }
 
 /* The waits need to wake for the main-loop signal and for the end of a

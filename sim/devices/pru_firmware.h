@@ -40,6 +40,8 @@ public:
     ns_t next_event(ns_t now) const;
     std::string state() const;
     Fault fault() const { return fault_; }
+    /* The journal line for the out_state the firmware just wrote. */
+    static void journal_state(Board& board, Pruss& pruss);
 
 private:
     enum class Phase { Off, Booting, MainLoop };
