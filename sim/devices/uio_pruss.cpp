@@ -224,8 +224,9 @@ bool Pruss::host_active(int host)
     uint64_t pending = status_ & enabled_;
     uint32_t* cmr = &reg(kIntc + CMR0);
     uint32_t* hmr = &reg(kIntc + HMR0);
-    for (int e = 0; e < 64; e++) {
-        if ((pending >> e) & 1 && route(hmr, route(cmr, e)) == host)
+    /* Only the pending events: the cores ask at every compare hit. */
+    for (; pending != 0; pending &= pending - 1) {
+        if (route(hmr, route(cmr, __builtin_ctzll(pending))) == host)
             return true;
     }
     return false;
@@ -322,10 +323,8 @@ void Pruss::take_host_writes()
     enabled_ &= ~index(EICR);
     enabled_ |= index(EISR);
     raised |= index(SISR);
-    for (int e = 0; e < 64; e++) {
-        if ((raised >> e) & 1)
-            board_.journal("pruss", "raise", std::to_string(e));
-    }
+    for (uint64_t r = raised; r != 0; r &= r - 1)
+        board_.journal("pruss", "raise", std::to_string(__builtin_ctzll(r)));
     /* pru.fault no-start on the firmware: the request never reaches PRU0. */
     if (engine_->selected() && firmware_->fault() == PruFirmware::Fault::NoStart)
         raised &= ~(uint64_t{1} << kEvtFromHost);

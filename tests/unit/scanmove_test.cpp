@@ -66,6 +66,7 @@ protected:
         state.w_ov_min = 0;
         state.w_ov_max = 65535;
         state.f = 20000;
+        state.phase = 8; /* the demodulator's best, as the server starts */
         ASSERT_EQ(0, am335x_adc_init(&state.adchnd));
         state.fdvganf = vela_motor_vganf_init();
         ASSERT_GE(state.fdvganf, 0);
@@ -377,15 +378,23 @@ TEST_F(ScanMove, OverflowLimits)
     EXPECT_EQ(3u, state.meas_cycles);
 }
 
-TEST_F(ScanMove, FirmwareFailures)
+/* Error codes other than an overflow come from requests this program never
+ * makes: the firmware model reports one on demand. */
+class ScanMoveOnTheModel : public ScanMove {
+protected:
+    std::string scenario() const override { return "[pru]\nengine = model\n"; }
+};
+
+TEST_F(ScanMoveOnTheModel, AFirmwareErrorFailsTheScan)
 {
-    /* An error code of the firmware. */
     ASSERT_TRUE(sim::set("pru.error", "5"));
     ASSERT_EQ(1, run("scan x=1"));
     EXPECT_EQ(1, serve());
     EXPECT_THAT(lines(), ElementsAre("7 error error", MatchesRegex("7 ready 0\\.1[0-9][0-9]")));
-    ASSERT_TRUE(sim::set("pru.error", "0"));
+}
 
+TEST_F(ScanMove, FirmwareFailures)
+{
     /* No sample at all: fails on the sixth step. */
     state.skip_samples = 100000;
     ASSERT_EQ(1, run("scan x=1"));
