@@ -60,11 +60,12 @@ constexpr uint32_t kErrorInterval = 4;
 constexpr uint32_t kErrorPextram = 5;
 constexpr uint32_t kErrorCount = 6;
 
-/* The firmware's timing, in cycles from its listing: from the start event
- * to the timer's start, and from a compare hit to the read of the last
+/* The firmware's timing, in cycles from its listing: from the cycle the
+ * start event arrives in to the timer's start (the wake-up and 78 cycles of
+ * latching and checking), and from a compare hit to the read of the last
  * conversion and to the next CONVST. Conversion k is the probe at the
  * CONVST of hit k + 1 and is counted at hit k + 2. */
-constexpr ns_t kStartDelay = 60 * kTick;
+constexpr ns_t kStartDelay = 79 * kTick;
 constexpr ns_t kReadDelay = 1 * kTick;
 constexpr ns_t kConvstDelay = 2 * kTick;
 
@@ -217,7 +218,7 @@ void PruFirmware::latch(ns_t now)
     }
 
     conv_period_ = static_cast<ns_t>(req_.interval) * kTick;
-    next_conv_ = now + kStartDelay + conv_period_ + kConvstDelay;
+    next_conv_ = now / kTick * kTick + kStartDelay + conv_period_ + kConvstDelay;
     pending_ = false;
     in_sample_ = 0;
     sum_ = 0;
