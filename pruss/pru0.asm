@@ -16,7 +16,8 @@
 //   r15       conversions still missing in the current sample
 //   r16       sum of the current sample's conversions (2^16 x 0xFFFF fits)
 //   r17..r25  image of out_count..out_of_mincount, published in one burst
-//   r26..r28  image of debug words 1..3
+//   r26..r28  image of debug words 1..3: the sample above in_maxvalid,
+//             conversions the ADC did not answer, the longest hit in ns
 //   r29       the communication block (shared RAM)
 
         .equ COMM, 0x10000
@@ -42,9 +43,9 @@
         .equ ERR_PEXTRAM, 5         // in_pextram outside the DDR window
         .equ ERR_COUNT, 6           // the samples would run past the DDR window
 
-        // The worst path of one compare hit takes about 70 cycles and the
-        // conversion 200 (read one interval after its CONVST): 300 leaves
-        // both room.
+        // The worst path of one compare hit takes under 100 cycles (the
+        // firmware keeps its worst in debug word 3, in ns) and a conversion
+        // 200, read one interval after its CONVST: 300 leaves both room.
         .equ MIN_INTERVAL, 300
         // A stop is seen at the next compare hit and the host gives the
         // firmware 1 ms to go idle, so no interval may be longer.
