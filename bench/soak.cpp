@@ -528,7 +528,7 @@ struct Tally {
     long scans = 0, scan_failures = 0, samples_asked = 0, samples_got = 0, bad_chunks = 0, odd_samples = 0;
     long moves = 0, moves_home_already = 0, calibrations = 0, calibrations_refused = 0;
     long eco_walks = 0, meas_walks = 0, suspends = 0, suspends_refused = 0, resumed = 0, resumed_shutdown = 0;
-    long button_wakes = 0, presses = 0, own_presses = 0, swallowed = 0, usb_dips_short = 0, usb_dips_long = 0, usb_plugins = 0;
+    long button_wakes = 0, presses = 0, own_presses = 0, swallowed = 0, usb_dips_short = 0, usb_dips_long = 0, usb_plugins = 0, in_plugins = 0;
     bool charging_at_end = false; /* a cycle under way that the server may have counted first */
     long charge_cycles = 0, autoinfo_runs = 0, autoinfo_reports = 0, monitor_requests = 0;
     long never_reader_requests = 0, slow_bytes = 0, slow_replies = 0, churn_done = 0, churn_refused = 0;
@@ -870,10 +870,11 @@ void board_run()
             phase = usb ? ChargeUsb : ChargeIn;
             /* A USB port gives 500 mA after a long dip: less load, so
              * that some of it charges the battery. */
-            if (usb) {
+            if (usb)
                 ctl("set supply.load_ma 200");
+            {
                 std::lock_guard<std::mutex> lock(tally.m);
-                tally.usb_plugins++;
+                (usb ? tally.usb_plugins : tally.in_plugins)++;
             }
             ctl(usb ? "set supply.usb_v 5" : "set supply.external_v 5");
         } else {
@@ -1210,6 +1211,8 @@ int main(int argc, char** argv)
     Counters k1 = read_counters(op);
     long operator_pressed = op.events["START pressed"];
     long batt_faults = op.events["batt fault"], batt_low = op.events["battery low"];
+    long charging = op.events["charging"];
+    long wd_expiries = std::lround(ctl_number("charger.watchdog_expiries"));
     op.close();
 
     bool alive = server_alive();
@@ -1295,12 +1298,25 @@ int main(int argc, char** argv)
     /* USB: a long dip takes the gadget down and up again, a short one
      * leaves it (a dip the server was too busy to see leaves it too). */
     long gadget_stops = 0, gadget_binds = 0;
+    /* The charger's watchdog: restarted by every power event, handed back
+     * (RESET) before a suspend. A restart more than 30 s of board time after
+     * the one before is the server held up (a loaded host under a scaled
+     * clock), not a restart forgotten. */
+    long late_restarts = 0;
     {
         std::ifstream in(server.board + "/journal");
         std::string line;
+        double restarted = -1;
         while (std::getline(in, line)) {
             gadget_stops += line.find("system \"sh ./usb_gadget.sh stop\"") != std::string::npos;
             gadget_binds += line.find("system \"sh ./usb_gadget.sh bind\"") != std::string::npos;
+            bool restart = line.find(" /dev/i2c-0@0x6b write 00 8") != std::string::npos;
+            bool handed_back = line.find(" /dev/i2c-0@0x6b write 02 80") != std::string::npos;
+            if (!restart && !handed_back)
+                continue;
+            double t = atof(line.c_str());
+            late_restarts += restarted >= 0 && t - restarted > 30;
+            restarted = restart ? t : -1;
         }
     }
     /* Each time USB is plugged in it is bound, and stopped when unplugged. */
@@ -1308,6 +1324,17 @@ int main(int argc, char** argv)
     if (dips_down < -1 || dips_down > tally.usb_dips_long || dips_up < dips_down - 1 || dips_up > dips_down + 1)
         fail("USB gadget stopped %ld times and bound %ld times for %ld plug-ins and %ld long dips", gadget_stops,
              gadget_binds, tally.usb_plugins, tally.usb_dips_long);
+    /* The charger keeps its settings: no watchdog expiry but after a late
+     * restart, no fault and a "charging" only for a supply that came (a
+     * plug-in or a dip's end) but after an expiry. */
+    long supplies = tally.in_plugins + tally.usb_plugins + tally.usb_dips_short + tally.usb_dips_long;
+    if (wd_expiries > late_restarts)
+        fail("the charger's watchdog expired %ld times, %ld restarts came late", wd_expiries, late_restarts);
+    if (batt_faults > wd_expiries)
+        fail("'batt fault' %ld times, %ld watchdog expiries", batt_faults, wd_expiries);
+    if (charging > supplies + wd_expiries)
+        fail("%ld 'charging' events for %ld plug-ins and dips and %ld watchdog expiries", charging, supplies,
+             wd_expiries);
     /* An over-long line is skipped, not read byte by byte. */
     if (tally.flood_cpu_ms_max > 500)
         fail("a 1 MB line without end cost the server %.0f ms of processor time", tally.flood_cpu_ms_max);
@@ -1329,6 +1356,10 @@ int main(int argc, char** argv)
            tally.meas_walks, tally.eco_walks, tally.suspends, tally.button_wakes, tally.resumed,
            tally.resumed_shutdown, tally.suspends_refused, tally.presses, operator_pressed, tally.charge_cycles, batt_low, batt_faults,
            tally.usb_dips_short, tally.usb_dips_long, tally.usb_plugins, gadget_stops, gadget_binds);
+    printf("  charger: %ld watchdog expiries (%ld restarts more than 30 s after the one before), %ld 'charging' events for %ld plug-ins (%ld IN, %ld USB) and %ld USB "
+           "dips\n",
+           wd_expiries, late_restarts, charging, tally.in_plugins + tally.usb_plugins, tally.in_plugins, tally.usb_plugins,
+           tally.usb_dips_short + tally.usb_dips_long);
     printf("  monitor: %ld requests over %ld connections (%ld refused as busy), %ld autoinfo subscriptions with "
            "%ld reports\n",
            tally.monitor_requests, mon.connects, mon.refusals, tally.autoinfo_runs, tally.autoinfo_reports);

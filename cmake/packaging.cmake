@@ -83,6 +83,9 @@ else()
   set(CPACK_DEBIAN_VELATOOL_PACKAGE_DEPENDS "init-system-helpers (>= 1.54~)")
 endif()
 
+# Packaging needs only what it installs: a build tree whose tests were not
+# built (the default preset in scripts/test.sh) still packs.
+set(CMAKE_SKIP_INSTALL_ALL_DEPENDENCY ON)
 include(CPack)
 
 if(NOT VELA_SANITIZE)

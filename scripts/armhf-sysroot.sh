@@ -16,17 +16,20 @@ stamp="$sysroot/.packages"
 
 sudo=""
 [ "$(id -u)" -ne 0 ] && sudo="sudo"
+. scripts/apt-retry.sh
 if ! dpkg --print-foreign-architectures | grep -qx armhf; then
   $sudo dpkg --add-architecture armhf
-  $sudo apt-get update -qq >/dev/null
+  apt_update
 fi
 
 debs=$(mktemp -d)
 trap 'rm -rf "$debs"' EXIT
 chmod 777 "$debs" # apt's download user writes here
 echo "armhf-sysroot: downloading ${packages[*]}" >&2
-(cd "$debs" && apt-get download -qq "${packages[@]/%/:armhf}" 2>/dev/null) ||
-  { $sudo apt-get update -qq >/dev/null && (cd "$debs" && apt-get download -qq "${packages[@]/%/:armhf}"); }
+download() {
+  (cd "$debs" && apt-get download -qq "${packages[@]/%/:armhf}")
+}
+apt_retry apt_refreshing download
 rm -rf "$sysroot"
 mkdir -p "$sysroot"
 for deb in "$debs"/*.deb; do

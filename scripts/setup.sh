@@ -21,8 +21,9 @@ if [ ${#missing[@]} -gt 0 ]; then
     sudo="sudo"
   fi
   export DEBIAN_FRONTEND=noninteractive
-  $sudo apt-get update -qq >/dev/null
-  $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+  . "$(dirname "$0")/apt-retry.sh"
+  apt_update
+  apt_retry apt_refreshing apt_get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 fi
 
 # The armhf libraries of the instrument's build.

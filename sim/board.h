@@ -110,6 +110,9 @@ struct Param {
     std::function<std::string()> get;
     std::function<bool(const std::string&)> set; /* null: read-only */
     bool persist = false;
+    /* A model's inner state that outlives a program run (a chip's registers
+     * and timers): saved with the board's state, never shown or set. */
+    bool internal = false;
 };
 
 /* The parameters: every device registers its values here, in its
@@ -122,10 +125,15 @@ public:
     void add_int(const std::string& key, int* v, const std::string& doc, long min, long max, bool persist = true);
     void add_string(const std::string& key, std::string* v, const std::string& doc, bool persist = true);
     void add_readonly(const std::string& key, std::function<std::string()> get, const std::string& doc);
+    void add_internal(const std::string& key, std::function<std::string()> get,
+                      std::function<bool(const std::string&)> set);
 
+    /* Neither finds nor sets an internal value. */
     const Param* find(const std::string& key) const;
     /* "" on success, else an error text. */
     std::string set(const std::string& key, const std::string& value);
+    /* Any value, internal ones included, from the saved state. */
+    bool restore(const std::string& key, const std::string& value);
     const std::map<std::string, Param>& all() const { return params_; }
 
 private:
@@ -351,10 +359,11 @@ private:
 };
 
 /* Files of the sandbox, through the real libc: the whole content (false when
- * there is no file), and a write that creates missing parent folders and
- * replaces the file atomically (a temporary file renamed over it). */
+ * there is no file), and a write that creates the missing parent folders
+ * below root (none without one) and replaces the file atomically (a
+ * temporary file renamed over it). */
 bool read_whole_file(const std::string& path, std::string* content);
-bool write_whole_file(const std::string& path, const std::string& content);
+bool write_whole_file(const std::string& path, const std::string& content, const std::string& root = {});
 
 /* Normalises an absolute path (collapses "//" and "/./", drops a trailing
  * "/"); relative paths are returned unchanged. */

@@ -1,6 +1,7 @@
 #include "clock.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -298,24 +299,43 @@ bool parse_duration(const std::string& text, ns_t* ns)
     return false;
 }
 
+/* A fraction of a second is taken to the nanosecond: a board's wall clock
+ * saved at exit must come back exactly, or it would run back at restart. */
+static bool parse_fraction(const char* text, const char** rest, ns_t* ns)
+{
+    *ns = 0;
+    *rest = text;
+    if (*text != '.')
+        return true;
+    ns_t scale = kSec;
+    for (text++; isdigit(static_cast<unsigned char>(*text)); text++) {
+        scale /= 10;
+        *ns += (*text - '0') * scale;
+    }
+    *rest = text;
+    return scale < kSec;
+}
+
 bool parse_wall_time(const std::string& text, ns_t* ns)
 {
+    const char* rest = nullptr;
+    ns_t frac = 0;
     char* end = nullptr;
     long long secs = strtoll(text.c_str(), &end, 10);
-    if (end != text.c_str() && *end == '\0') {
+    if (end != text.c_str() && parse_fraction(end, &rest, &frac) && *rest == '\0') {
         if (secs < 0 || secs > 4102444800LL) /* 2100-01-01 */
             return false;
-        *ns = secs * kSec;
+        *ns = secs * kSec + frac;
         return true;
     }
     struct tm tm = {};
-    const char* rest = strptime(text.c_str(), "%Y-%m-%dT%H:%M:%S", &tm);
-    if (rest == nullptr || (strcmp(rest, "Z") != 0 && *rest != '\0'))
+    const char* after = strptime(text.c_str(), "%Y-%m-%dT%H:%M:%S", &tm);
+    if (after == nullptr || !parse_fraction(after, &rest, &frac) || (strcmp(rest, "Z") != 0 && *rest != '\0'))
         return false;
     int64_t t = timegm(&tm);
     if (t < 0 || t > 4102444800LL)
         return false;
-    *ns = t * kSec;
+    *ns = t * kSec + frac;
     return true;
 }
 
@@ -325,7 +345,10 @@ std::string format_wall_time(ns_t ns)
     struct tm tm;
     gmtime_r(&t, &tm);
     char buf[40];
-    strftime(buf, sizeof buf, "%Y-%m-%dT%H:%M:%SZ", &tm);
+    size_t n = strftime(buf, sizeof buf, "%Y-%m-%dT%H:%M:%S", &tm);
+    if (ns % kSec != 0)
+        n += static_cast<size_t>(snprintf(buf + n, sizeof buf - n, ".%09lld", static_cast<long long>(ns % kSec)));
+    snprintf(buf + n, sizeof buf - n, "Z");
     return buf;
 }
 

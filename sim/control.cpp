@@ -174,8 +174,10 @@ std::string Board::control(const std::string& line)
     }
     if (cmd == "state" && w.size() == 1) {
         std::string out;
-        for (const auto& [key, p] : params_.all())
-            out += key + " = " + p.get() + "\n";
+        for (const auto& [key, p] : params_.all()) {
+            if (!p.internal)
+                out += key + " = " + p.get() + "\n";
+        }
         return out + "ok\n";
     }
     if (cmd == "journal" && w.size() == 1) {

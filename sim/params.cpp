@@ -62,10 +62,22 @@ void Params::add_readonly(const std::string& key, std::function<std::string()> g
     add({key, doc, std::move(get), nullptr, false});
 }
 
+void Params::add_internal(const std::string& key, std::function<std::string()> get,
+                          std::function<bool(const std::string&)> set)
+{
+    add({key, "", std::move(get), std::move(set), true, true});
+}
+
 const Param* Params::find(const std::string& key) const
 {
     auto it = params_.find(key);
-    return it == params_.end() ? nullptr : &it->second;
+    return it == params_.end() || it->second.internal ? nullptr : &it->second;
+}
+
+bool Params::restore(const std::string& key, const std::string& value)
+{
+    auto it = params_.find(key);
+    return it != params_.end() && it->second.set && it->second.set(value);
 }
 
 std::string Params::set(const std::string& key, const std::string& value)

@@ -96,7 +96,7 @@ void Board::load_state()
         else if (key == "host_wall_ns")
             host_wall = strtoll(value.c_str(), nullptr, 10);
         else
-            params_.set(key, value); /* a key of an older board is dropped */
+            params_.restore(key, value); /* a key of an older board is dropped */
     }
     /* The models carry on from the moment the state was saved, so a drive
      * left running keeps moving between two runs of the program. */

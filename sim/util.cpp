@@ -64,11 +64,12 @@ bool read_whole_file(const std::string& path, std::string* content)
 }
 
 /* A program killed in the middle leaves the old file or the new one, never
- * a torn one. */
-bool write_whole_file(const std::string& path, const std::string& content)
+ * a torn one. Folders are made only below root: the board never creates
+ * (or even tries to create) anything outside its own directory. */
+bool write_whole_file(const std::string& path, const std::string& content, const std::string& root)
 {
-    for (size_t i = 1; i < path.size(); i++) {
-        if (path[i] == '/')
+    if (!root.empty() && path.compare(0, root.size() + 1, root + "/") == 0) {
+        for (size_t i = path.find('/', root.size() + 1); i != std::string::npos; i = path.find('/', i + 1))
             SIM_REAL(mkdir)(path.substr(0, i).c_str(), 0755u);
     }
     std::string tmp = path + ".velasim-tmp";

@@ -416,13 +416,10 @@ int cb_set(struct client_s* client, int argc, char** argv)
         }
         *eq = '='; /* the caller's word as it was */
     }
-    /* One save for all pairs; after an error the flag stays set and the
-     * next successful set saves. */
-    if (ret == 0 && state.ini_changed) {
-        state.ini_changed = 0;
-        MIniData_Save(state.h_ini);
-        sync_inipath();
-    }
+    /* One save for all pairs; after an error, or a save that failed, the
+     * flag stays set and the next successful set saves. */
+    if (ret == 0 && state.ini_changed)
+        state.ini_changed = util_ini_save() != 0;
     return ret;
 }
 

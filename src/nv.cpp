@@ -61,7 +61,8 @@ static long nv_get_field(const struct nv_state_s* nv, int i)
     return (long)fields[i];
 }
 
-/* The counters file in a new document; null when there is no folder. */
+/* The counters file in a new document; null when there is no folder or
+ * the file cannot be read. */
 static MINIDATA_HANDLE nv_ini_open(int flags)
 {
     char path[256];
@@ -70,6 +71,12 @@ static MINIDATA_HANDLE nv_ini_open(int flags)
     MINIDATA_HANDLE h = MIniData_CreateWithFlags(flags);
     int ret = util_ini_open_file(h, path);
     MTRACE(4, "MIniData_Open: %d", ret);
+    /* a file the medium cannot give back is neither taken as empty nor
+     * written over */
+    if (MIniData_ReadFailed(h)) {
+        MIniData_Destroy(h);
+        return NULL;
+    }
     return h;
 }
 
@@ -163,7 +170,9 @@ int nv_write_ini(struct nv_state_s* nv)
         return -1;
     for (int i = 0; i < (int)(sizeof nv_keys / sizeof *nv_keys); i++)
         MIniData_SetLongEntry(h, nv_keys[i].section, nv_keys[i].key, nv_get_field(nv, i));
-    MIniData_Save(h);
+    /* the new name must outlive a power cut as the data does */
+    if (MIniData_Save(h))
+        sync_inipath();
     MIniData_Destroy(h);
     return 0;
 }
@@ -187,6 +196,9 @@ int nv_read(void)
 {
     struct nv_state_s nv;
     MTRACE(4, "nv_read()");
+    char path[256];
+    if (util_appdata_path(nv_file, path, sizeof path) == 0)
+        util_remove_leftovers(path);
     int ret = nv_read_nvram(&nv);
     MTRACE(4, "nv_read_nvam: %d\n", ret);
     if (ret == 0) {

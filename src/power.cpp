@@ -125,9 +125,15 @@ int vela_rtc_alarm(uint32_t seconds)
     return ret;
 }
 
-/* The write returns once the system has resumed. */
+/* The write returns once the system has resumed. A charger this program
+ * looks after is handed back to its stand-alone mode first: its watchdog
+ * cannot be restarted while the processor sleeps, and would otherwise expire
+ * 30 s into every sleep with a fault. The next power event programs it
+ * again. */
 int vela_suspend(void)
 {
+    if (chgstate.fd >= 0 && charger_write(2, REG2_RESET) != 0)
+        MTRACE(3, "vela_suspend(): charger reset failed");
     int ret = sysfs_write_string(power_state_path, "mem");
     if (ret != 0)
         return ret;
@@ -241,8 +247,11 @@ int vela_power_init(void)
     chgstate.state = BATT_STATE_UNKNOWN;
     chgstate.level = BATT_LEVEL_UNKNOWN;
     chgstate.usbpwrok = 0;
-    int ret = sysfs_write_string(chgint_edge_path, "falling");
-    MTRACE(3, "vela_power_init(): edge -> falling: %d", ret);
+    /* Both edges: the line is low while the battery charges, so a supply
+     * that goes away ends the charge with a rising edge, and a pulse on a
+     * status change starts with a falling one. */
+    int ret = sysfs_write_string(chgint_edge_path, "both");
+    MTRACE(3, "vela_power_init(): edge -> both: %d", ret);
     int fd = open(chgint_value_path, O_RDONLY | O_NONBLOCK);
     if (fd < 0) {
         MTRACE(3, "vela_power_init(): open failed");
@@ -362,6 +371,14 @@ int vela_charger_setup(uint8_t* reg_state)
         charger_write(2, r[2]);
     }
     return 0;
+}
+
+/* The chip keeps the charge parameters only while its watchdog is
+ * restarted within 30 s of the last restart; it starts with the first
+ * access of any kind. SUPPLY_SEL is the one writable bit beside TMR_RST. */
+int vela_charger_watchdog_reset(uint8_t reg0)
+{
+    return charger_write(0, (uint8_t)(REG0_TMR_RST | (reg0 & REG0_SUPPLY_SEL)));
 }
 
 /* Detection needs a battery that can carry the charger's switch-over. */

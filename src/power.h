@@ -26,7 +26,9 @@ enum {
 
 /* bq24160 register fields the driver and the power events use */
 enum {
+    REG0_TMR_RST = 0x80,
     REG0_STAT_MASK = 0x70,
+    REG0_SUPPLY_SEL = 0x08,
     STAT_NO_SOURCE = 0x00,
     STAT_IN_READY = 0x10,
     STAT_USB_READY = 0x20,
@@ -78,6 +80,9 @@ int vela_power_close(void);
 int vela_batt_state_get(int* state, int* level);
 int vela_charger_detect(void);
 int vela_charger_setup(uint8_t* reg_state);
+/* Restarts the charger's 30 s watchdog; reg0 is the last status register
+ * read, whose writable bit is kept. */
+int vela_charger_watchdog_reset(uint8_t reg0);
 int do_chargerdetect(void);
 
 /* Power events: the charger's interrupt (statirq non-zero) or the periodic

@@ -78,47 +78,58 @@ static int new_batt_state(const uint8_t* regs, float vbatt)
     }
 }
 
+/* USB power back: a D+/D- detection finds the input limit the port grants,
+ * and the gadget comes up. The image is read again after the detection, so
+ * that the battery state is judged on that limit: a wall charger is fast
+ * charging from the start. */
+static void usb_connect(uint8_t* regs)
+{
+    if ((regs[1] & REG1_USB_MASK) == REG1_USB_UVLO || chgstate.usbpwrok != 0)
+        return;
+    MTRACE(2, "vela_power_handler(): USB connect");
+    MTRACE(3, "vela_power_handler(): detection");
+    int ret = vela_charger_detect();
+    MTRACE(3, "vela_charger_detect(): ret=%d\n", ret);
+    if (charger_read(regs, 0, 8) == 0) {
+        regs[2] &= (uint8_t)~REG2_RESET;
+        vela_charger_setup(regs);
+    }
+    MTRACE(3, "vela_power_handler(): gadget bind");
+    gadget("bind");
+    MTRACE(3, "vela_power_handler(): gadget start");
+    gadget("start");
+    chgstate.usbpwrok = 1;
+}
+
 /* Under-voltage on USB tears the gadget down only when it lasts five reads
  * (about 200 ms): a short dip leaves the gadget running. */
-static void usb_power(uint8_t* regs)
+static void usb_disconnect(uint8_t* regs)
 {
-    if ((regs[1] & REG1_USB_MASK) == REG1_USB_UVLO) {
-        if (chgstate.usbpwrok != 1)
+    if ((regs[1] & REG1_USB_MASK) != REG1_USB_UVLO || chgstate.usbpwrok != 1)
+        return;
+    MTRACE(2, "vela_power_handler(): USB UVLO");
+    uint8_t reg1 = regs[1];
+    for (int i = 0; i < UVLO_READS; i++) {
+        /* A failed read proves nothing either way: it counts as the
+         * under-voltage seen before. */
+        if (charger_read(&reg1, 1, 1) != 0)
+            reg1 = regs[1];
+        if ((reg1 & REG1_USB_MASK) != REG1_USB_UVLO) {
+            MTRACE(2, "vela_power_handler(): USB PWR OK (%d)", i);
             return;
-        MTRACE(2, "vela_power_handler(): USB UVLO");
-        uint8_t reg1 = regs[1];
-        for (int i = 0; i < UVLO_READS; i++) {
-            /* A failed read proves nothing either way: it counts as the
-             * under-voltage seen before. */
-            if (charger_read(&reg1, 1, 1) != 0)
-                reg1 = regs[1];
-            if ((reg1 & REG1_USB_MASK) != REG1_USB_UVLO) {
-                MTRACE(2, "vela_power_handler(): USB PWR OK (%d)", i);
-                return;
-            }
-            usleep(UVLO_WAIT_US);
         }
-        MTRACE(2, "vela_power_handler(): USB disconnect");
-        MTRACE(3, "vela_power_handler(): gadget stop");
-        gadget("stop");
-        MTRACE(3, "vela_power_handler(): gadget unbind");
-        gadget("unbind");
-        /* Back to 500 mA, so that the next host starts from a limit any
-         * USB port grants. */
-        regs[2] = (uint8_t)((regs[2] & 0x8f) | REG2_IUSB_500MA);
-        charger_write(2, regs[2]);
-        chgstate.usbpwrok = 0;
-    } else if (chgstate.usbpwrok == 0) {
-        MTRACE(2, "vela_power_handler(): USB connect");
-        MTRACE(3, "vela_power_handler(): detection");
-        int ret = vela_charger_detect();
-        MTRACE(3, "vela_charger_detect(): ret=%d\n", ret);
-        MTRACE(3, "vela_power_handler(): gadget bind");
-        gadget("bind");
-        MTRACE(3, "vela_power_handler(): gadget start");
-        gadget("start");
-        chgstate.usbpwrok = 1;
+        usleep(UVLO_WAIT_US);
     }
+    MTRACE(2, "vela_power_handler(): USB disconnect");
+    MTRACE(3, "vela_power_handler(): gadget stop");
+    gadget("stop");
+    MTRACE(3, "vela_power_handler(): gadget unbind");
+    gadget("unbind");
+    /* Back to 500 mA, so that the next host starts from a limit any USB
+     * port grants. */
+    regs[2] = (uint8_t)((regs[2] & 0x8f) | REG2_IUSB_500MA);
+    charger_write(2, regs[2]);
+    chgstate.usbpwrok = 0;
 }
 
 /* Low and critical are left only with the hysteresis above their entry
@@ -186,14 +197,17 @@ int vela_power_handler(int statirq)
     MTRACE(4, "vela_power_handler(): STAT=%s", bq24160_stat[(regs[0] >> 4) & 7]);
     MTRACE(4, "vela_power_handler(): FAULT=%s", bq24160_fault[regs[0] & 7]);
 
-    /* The charge parameters are checked, and repaired, at every event. */
-    regs[2] &= 0x7f;
+    /* The charge parameters are checked, and repaired, at every event; the
+     * poll every 10 s keeps the chip's watchdog from restoring its
+     * defaults. */
+    vela_charger_watchdog_reset(regs[0]);
+    regs[2] &= (uint8_t)~REG2_RESET;
     vela_charger_setup(regs);
 
+    usb_connect(regs);
     int new_state = new_batt_state(regs, vbatt);
-
-    usb_power(regs);
-
+    /* The clients learn the new state before the under-voltage on USB is
+     * confirmed: that takes 200 ms, a supply gone is news at once. */
     if (new_state != chgstate.state) {
         MTRACE(3, "vela_power_handler(): batt_state changing: %d -> %d", chgstate.state, new_state);
         vela_led_set(led_mode(new_state));
@@ -202,6 +216,7 @@ int vela_power_handler(int statirq)
         if (new_state != BATT_STATE_CHARGING_USB)
             vela_send_battery_level_event(NULL, chgstate.level);
     }
+    usb_disconnect(regs);
 
     memcpy(chgstate.regs, regs, sizeof regs);
 

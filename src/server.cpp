@@ -436,7 +436,7 @@ int vela_query_platform(void)
     } else {
         snprintf(state.machine, sizeof state.machine, "%s", machine);
         MIniData_SetStringEntry(state.h_ini, "general", "machine", state.machine);
-        MIniData_Save(state.h_ini);
+        util_ini_save();
     }
     state.machine_type = util_machine2type(state.machine);
     return state.machine_type < 0 ? -1 : 0;

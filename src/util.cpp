@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "common_app_data.h"
+#include "fastfile.h"
 #include "fileops.h"
 #include "mtrace.h"
 #include "remote.h"
@@ -60,6 +61,13 @@ static const struct ini_threshold_s battery_thresholds[] = {
     {"almost_full_threshold", "almost_full_threshold=%f", &state.vbatt_almost_full_threshold},
 };
 
+/* While velatool.ini exists but cannot be read (the medium failed, not its
+ * content), nothing is written over it: the server runs on the values in
+ * memory, and each save reads the file again first (util_ini_save).
+ * ini_base is the document as start-up left it, to tell what changed since. */
+static int ini_unread;
+static MINIDATA_HANDLE ini_base;
+
 int util_appdata_path(const char* file, char* path, size_t size)
 {
     char folder[256];
@@ -74,6 +82,12 @@ int util_ini_open_file(MINIDATA_HANDLE h, const char* path)
     int ret = MIniData_Open(h, path);
     if (ret || !file_exists(path))
         return ret;
+    if (MIniData_ReadFailed(h)) {
+        MTRACE(2, "%s cannot be read, kept as it is, going on with the values in memory", path);
+        MERRLOG("%s cannot be read", path);
+        _MErrTrace_DumpContextToMErrLog();
+        return ret;
+    }
     /* What was read before the bad line stays in force; the user's file is
      * kept aside, and the document is tied to the path again without a file
      * behind it, so that the caller writes the values in force anew. */
@@ -94,40 +108,95 @@ int util_ini_open_file(MINIDATA_HANDLE h, const char* path)
     return ret;
 }
 
-static int save_ini(void)
+/* The defaults of every missing section; decided once per section, before
+ * its first default goes in. */
+static void add_defaults(MINIDATA_HANDLE h)
 {
-    MIniData_Save(state.h_ini);
-    return sync_inipath();
-}
-
-int util_ini_open(void)
-{
-    char path[256];
-    state.h_ini = MIniData_CreateWithFlags(0x18);
-    if (util_appdata_path(ini_file, path, sizeof path) != 0)
-        return -1;
-    int ret = util_ini_open_file(state.h_ini, path);
-    MTRACE(4, "MIniData_Open(%s): %d", path, ret);
-
-    /* Decided once per section, before its first default goes in. */
     const char* section = "";
     int missing = 0;
     for (const struct ini_default_s* d = ini_defaults; d < ini_defaults + sizeof ini_defaults / sizeof *d; d++) {
         if (strcmp(d->section, section) != 0) {
             section = d->section;
-            missing = !MIniData_DoesSectionExist(state.h_ini, section);
+            missing = !MIniData_DoesSectionExist(h, section);
         }
         if (!missing)
             continue;
         if (d->is_long)
-            MIniData_SetLongEntry(state.h_ini, d->section, d->key, (long)d->value);
+            MIniData_SetLongEntry(h, d->section, d->key, (long)d->value);
         else
-            MIniData_SetDoubleEntry(state.h_ini, d->section, d->key, d->value);
+            MIniData_SetDoubleEntry(h, d->section, d->key, d->value);
     }
+}
 
+/* The configuration in a new document, completed with the defaults; null
+ * when there is no folder. */
+static MINIDATA_HANDLE ini_load(char* path, size_t size)
+{
+    if (util_appdata_path(ini_file, path, size) != 0)
+        return NULL;
+    MINIDATA_HANDLE h = MIniData_CreateWithFlags(0x18);
+    int ret = util_ini_open_file(h, path);
+    MTRACE(4, "MIniData_Open(%s): %d", path, ret);
+    add_defaults(h);
+    return h;
+}
+
+/* An unreadable file is read again before anything is saved. Once it reads,
+ * its values are saved with the changes made since start-up on top (the
+ * values in memory stay in force until the next start). Start-up's own
+ * saves only hold what it took from the defaults: they wait. */
+static int ini_read_again(void)
+{
+    char path[256];
+    if (ini_base == NULL) {
+        MTRACE(2, "velatool.ini could not be read: not saved");
+        return -1;
+    }
+    MINIDATA_HANDLE h = ini_load(path, sizeof path);
+    if (h == NULL || MIniData_ReadFailed(h)) {
+        MTRACE(2, "%s still cannot be read: not saved", path);
+        MIniData_Destroy(h);
+        return -1;
+    }
+    MIniData_ApplyChanges(h, ini_base, state.h_ini);
+    MIniData_Destroy(state.h_ini);
+    state.h_ini = h;
+    MIniData_Destroy(ini_base);
+    ini_base = NULL;
+    ini_unread = 0;
+    MTRACE(2, "%s read again, saved with the changes made meanwhile", path);
+    return 0;
+}
+
+int util_ini_save(void)
+{
+    if (ini_unread && ini_read_again() != 0)
+        return -1;
+    if (!MIniData_Save(state.h_ini))
+        return -1;
+    return sync_inipath();
+}
+
+void util_remove_leftovers(const char* path)
+{
+    int n = MFastFile_RemoveTemporaryFiles(path);
+    if (n > 0)
+        MTRACE(3, "removed %d temporary file(s) of a save of %s that was cut short", n, path);
+}
+
+int util_ini_open(void)
+{
+    char path[256];
+    MIniData_Destroy(ini_base);
+    ini_base = NULL;
+    state.h_ini = ini_load(path, sizeof path);
+    if (state.h_ini == NULL)
+        return -1;
+    util_remove_leftovers(path);
+    ini_unread = MIniData_ReadFailed(state.h_ini);
     if (MIniData_HasNoFile(state.h_ini)) {
         MTRACE(3, "New ini-file created from defaults");
-        save_ini();
+        util_ini_save();
     }
     return 0;
 }
@@ -176,7 +245,7 @@ int util_ini_read(void)
         MTRACE(3, "new w_scale=%f", state.w_scale);
         MIniData_SetDoubleEntry(h, "channel", "w_scale", state.w_scale);
         MIniData_SetLongEntry(h, "channel", "calibration_rev", 1);
-        save_ini();
+        util_ini_save();
     }
 
     for (const struct ini_threshold_s* t = battery_thresholds;
@@ -199,6 +268,12 @@ int util_ini_read(void)
     if (MIniData_GetLongEntry(h, "general", "remotetest", &l)) {
         MTRACE(4, "remotetest=%ld", l);
         state.remotetest = (int)l;
+    }
+    if (ini_unread && ini_base == NULL) {
+        ini_base = MIniData_Create();
+        char* content = MIniData_GetContentString(h);
+        MIniData_SetContentString(ini_base, content != NULL ? content : "");
+        free(content);
     }
     return 0;
 }

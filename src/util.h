@@ -26,6 +26,15 @@ int util_ini_open_file(MINIDATA_HANDLE h, const char* path);
 int util_ini_open(void);
 int util_ini_read(void);
 
+/* Start-up: removes the temporary files that saves of path left behind
+ * when the power went in the middle. */
+void util_remove_leftovers(const char* path);
+
+/* Saves the configuration and syncs its folder; -1 when nothing was saved.
+ * A file that could not be read at start-up is read again first and never
+ * written over while it cannot be. */
+int util_ini_save(void);
+
 /* Flushes the product folder's directory entries to storage. */
 int sync_inipath(void);
 

@@ -81,14 +81,14 @@ int FileAttr::store(const std::string& text)
         if (err < 0)
             return err;
     }
-    return write_whole_file(board_.fs_path(path()), text) ? 0 : -EIO;
+    return write_whole_file(board_.fs_path(path()), text, board_.dir()) ? 0 : -EIO;
 }
 
 void FileAttr::create_default()
 {
     std::string file = board_.fs_path(path());
     if (SIM_REAL(access)(file.c_str(), F_OK) != 0)
-        write_whole_file(file, initial_);
+        write_whole_file(file, initial_, board_.dir());
 }
 
 bool parse_kernel_long(const std::string& text, long* value)

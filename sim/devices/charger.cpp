@@ -59,8 +59,8 @@
  * IINLIMIT.
  *
  * Where the data sheet is silent the model assumes:
- *  - the first write to any register enters HOST mode and starts the
- *    watchdog; reads do not; the register pointer moves on after every byte
+ *  - the first transfer of any kind, read or write, enters HOST mode and
+ *    starts the watchdog; the register pointer moves on after every byte
  *    read or written, writes to addresses past 7 are ignored;
  *  - UVLO 3.6 V; sleep (weak source) when an input is within 40 mV of the
  *    battery; battery OVP above 1.05 x VBREG, only while an input feeds the
@@ -84,11 +84,13 @@
  *    DPPM or thermal regulation loop is modeled; DPM_STATUS only compares
  *    the input with its VINDPM threshold);
  *  - the watchdog can be switched off for tests (charger.watchdog = 0);
- *  - the registers are not kept between two runs of the program (the chip
- *    starts at its power-on state, settled silently on the inputs it finds).
+ *  - the chip stays powered between two runs of the program: its registers,
+ *    mode and timers are saved with the board's state and go on from there.
  */
 #include <algorithm>
 #include <cstdio>
+#include <map>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -167,7 +169,7 @@ public:
     int read(uint8_t* data, size_t n) override;
 
     void reset() override;
-    void create_files(Board&) override { settle(); }
+    void create_files(Board&) override;
     void advance(ns_t t) override;
     ns_t next_event(ns_t now) override;
     void resume_at(ns_t t) override { last_t_ = t; }
@@ -218,6 +220,10 @@ private:
     int level() const;
     std::string state_text() const;
     std::string usb_dip(const std::vector<std::string>& w);
+    void access(ns_t t);
+    /* The chip's inner state between two program runs. */
+    std::string saved() const;
+    bool restore(const std::string& text);
 
     Board& board_;
     Supply& supply_;
@@ -246,6 +252,8 @@ private:
     ns_t det_end_ = kNever;
     ns_t det_left_ = 0; /* the detection's time, as the bus measures it */
     ns_t dip_end_ = kNever;
+    int expiries_ = 0;       /* watchdog expiries since the board was made */
+    bool restored_ = false;  /* the state came from the last run */
 };
 
 Bq24160::Bq24160(Board& board, Supply& supply, I2c& i2c) : board_(board), supply_(supply)
@@ -270,6 +278,9 @@ Bq24160::Bq24160(Board& board, Supply& supply, I2c& i2c) : board_(board), supply
     p.add_int("charger.watchdog", &watchdog_, "1: the charger's 30 s HOST mode watchdog runs; 0: it never expires",
               0, 1);
     p.add_readonly("charger.state", [this] { return state_text(); }, "the charger's state in words");
+    p.add_readonly("charger.watchdog_expiries", [this] { return std::to_string(expiries_); },
+                   "times the charger's watchdog expired and restored its defaults");
+    p.add_internal("charger.chip", [this] { return saved(); }, [this](const std::string& t) { return restore(t); });
     p.add_readonly("charger.regs", [this] {
         uint8_t r[kRegs];
         for (int i = 0; i < kRegs; i++)
@@ -291,8 +302,23 @@ void Bq24160::reset()
     host_ = false;
     wd_deadline_ = kNever;
     dip_end_ = kNever;
+    expiries_ = 0;
+    restored_ = false;
     last_t_ = now_ns();
     settle();
+}
+
+/* A chip carried over from the last run has seen its inputs already: it
+ * takes them up again without an interrupt. A new one settles on them. */
+void Bq24160::create_files(Board&)
+{
+    if (!restored_) {
+        settle();
+        return;
+    }
+    restored_ = false;
+    last_ = evaluate();
+    apply(last_t_);
 }
 
 /* The chip found as its inputs have it, without an interrupt. */
@@ -526,6 +552,7 @@ void Bq24160::advance(ns_t t)
         load_defaults();
         host_ = false;
         wd_deadline_ = kNever;
+        expiries_++;
         event(kWatchdogFault, kFaultText[kWatchdogFault]);
     }
     if (phase_ == Phase::Charging && !safety_expired_ && safety_run_ >= safety_limit()) {
@@ -614,6 +641,16 @@ void Bq24160::bus_time(size_t n, ns_t t)
         finish_detection();
 }
 
+/* Any transfer puts the chip in HOST mode and starts its watchdog, unless
+ * it runs already: only TMR_RST restarts it. */
+void Bq24160::access(ns_t t)
+{
+    if (!host_) {
+        host_ = true;
+        wd_deadline_ = t + kWatchdog;
+    }
+}
+
 /* A first byte sets the register pointer; the bytes after it are written
  * from there on. */
 int Bq24160::write(const uint8_t* d, size_t n)
@@ -623,12 +660,10 @@ int Bq24160::write(const uint8_t* d, size_t n)
     ns_t t = now_ns();
     account(t);
     bus_time(n, t);
+    access(t);
     ptr_ = d[0];
     for (size_t i = 1; i < n; i++) {
-        if (!host_) {
-            host_ = true;
-            wd_deadline_ = t + kWatchdog;
-        }
+        access(t); /* again after a RESET in this transfer */
         write_reg(ptr_, d[i], t);
         ptr_++;
     }
@@ -716,6 +751,7 @@ int Bq24160::read(uint8_t* d, size_t n)
 {
     ns_t t = now_ns();
     bus_time(n, t);
+    access(t);
     apply(t);
     bool status_read = false;
     for (size_t i = 0; i < n; i++) {
@@ -752,6 +788,58 @@ std::string Bq24160::usb_dip(const std::vector<std::string>& w)
     board_.journal("charger", "usb-dip", w[1]);
     apply(t);
     return "ok\n";
+}
+
+/* "key=value" words; times are board times, which go on across runs. */
+std::string Bq24160::saved() const
+{
+    std::string regs = hex_bytes(regs_, kRegs);
+    std::replace(regs.begin(), regs.end(), ' ', '.');
+    std::ostringstream out;
+    out << "regs=" << regs << " ptr=" << int{ptr_} << " host=" << host_
+        << " wd=" << wd_deadline_ << " latch=" << latch_ << " phase=" << static_cast<int>(phase_)
+        << " safety_run=" << safety_run_ << " safety_expired=" << safety_expired_ << " detecting=" << detecting_
+        << " det_forced=" << det_forced_ << " det_port=" << (det_port_.empty() ? "-" : det_port_)
+        << " det_end=" << det_end_ << " det_left=" << det_left_ << " dip_end=" << dip_end_
+        << " expiries=" << expiries_;
+    return out.str();
+}
+
+bool Bq24160::restore(const std::string& text)
+{
+    std::map<std::string, std::string> v;
+    std::istringstream in(text);
+    for (std::string word; in >> word;) {
+        size_t eq = word.find('=');
+        if (eq != std::string::npos)
+            v[word.substr(0, eq)] = word.substr(eq + 1);
+    }
+    std::string regs;
+    std::string hex = v["regs"];
+    std::replace(hex.begin(), hex.end(), '.', ' ');
+    if (!parse_hex_bytes(hex, &regs) || regs.size() != kRegs)
+        return false;
+    auto num = [&v](const char* key) { return strtoll(v[key].c_str(), nullptr, 10); };
+    for (int r = 0; r < kRegs; r++)
+        regs_[r] = static_cast<uint8_t>(regs[r]);
+    ptr_ = static_cast<uint8_t>(num("ptr"));
+    host_ = num("host") != 0;
+    wd_deadline_ = num("wd");
+    latch_ = static_cast<int>(num("latch")) & 7;
+    phase_ = static_cast<Phase>(std::clamp<long long>(num("phase"), 0, 2));
+    safety_run_ = num("safety_run");
+    safety_expired_ = num("safety_expired") != 0;
+    detecting_ = num("detecting") != 0;
+    det_forced_ = num("det_forced") != 0;
+    det_port_ = v["det_port"] == "-" ? "" : v["det_port"];
+    det_end_ = num("det_end");
+    det_left_ = num("det_left");
+    dip_end_ = num("dip_end");
+    expiries_ = static_cast<int>(num("expiries"));
+    pulse_end_ = kNever;
+    events_.clear();
+    restored_ = true;
+    return true;
 }
 
 VELASIM_DEVICE(Bq24160, Supply, I2c);

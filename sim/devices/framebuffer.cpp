@@ -281,7 +281,7 @@ private:
             return "error: png: " + why + "\n";
         }
         std::string path = w[1][0] == '/' ? w[1] : board_.dir() + "/" + w[1];
-        if (!write_whole_file(path, png))
+        if (!write_whole_file(path, png, board_.dir()))
             return "error: cannot write " + path + "\n";
         return "ok\n";
     }

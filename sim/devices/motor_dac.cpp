@@ -25,6 +25,7 @@ private:
 MotorDac::MotorDac(Board& board, Drive& drive, I2c& i2c) : drive_(drive)
 {
     board.params().add_int("motor.dac_eeprom", &eeprom_, "DAC code loaded at power-on (0..4095)", 0, 4095);
+    board.params().add_int("motor.dac_eeprom_pd", &eeprom_pd_, "DAC power-down bits loaded at power-on (0..3)", 0, 3);
     i2c.bus(1).attach(0x60, this);
 }
 

@@ -22,6 +22,7 @@ enum : uint8_t {
     kWrites31 = 8,  /* the destination is r31: the event interface */
     kSelf = 16,     /* a branch to itself */
     kNopBody = 32,  /* a LOOP whose body is NOPs only */
+    kBus = 64,      /* reaches beyond the register file */
 };
 
 constexpr uint32_t kNop = 0x12E0E0E0; /* or r0, r0, r0 */
@@ -182,6 +183,9 @@ PruCore::Insn decode(uint32_t w, uint32_t pc)
     default:
         break;
     }
+    bool pure = in.op <= LOOP && in.op != XFR && in.op != SLP;
+    if (!pure || (in.flags & (kReads31 | kWrites30 | kWrites31)))
+        in.flags |= kBus;
     return in;
 }
 
@@ -200,9 +204,9 @@ void PruCore::clear()
     pc_ = 0;
     r30_out_ = 0;
     state_ = State::Off;
-    cycle_ = stop_at_ = wait_from_ = started_at_ = stopped_at_ = 0;
+    cycle_ = stop_at_ = sync_at_ = wait_from_ = started_at_ = stopped_at_ = 0;
     insns_ = 0;
-    loop_ = false;
+    loop_end_ = kNoLoop;
 }
 
 void PruCore::decode_all()
@@ -227,7 +231,7 @@ void PruCore::start(uint32_t pc, cycle_t c)
     pc_ = pc;
     cycle_ = started_at_ = c;
     insns_ = 0;
-    loop_ = false;
+    loop_end_ = kNoLoop;
     state_ = State::Running;
 }
 
@@ -322,24 +326,32 @@ bool PruCore::xfr(const Insn& in)
     return true;
 }
 
-void PruCore::run(cycle_t limit)
+void PruCore::run(cycle_t limit, cycle_t sync)
 {
     stop_at_ = limit;
-    if (state_ == State::Waiting && cycle_ <= limit)
+    sync_at_ = sync;
+    if (state_ == State::Waiting && cycle_ <= std::min(limit, sync))
         state_ = State::Running;
-    while (state_ == State::Running && cycle_ <= stop_at_) {
+    if (state_ != State::Running)
+        return;
+    while (cycle_ <= stop_at_) {
         if (pc_ >= kIramWords) {
             halt("fetch outside instruction RAM");
             break;
         }
         const Insn& in = code_[pc_];
-        if (in.flags & kReads31)
-            r_[31] = bus_.input(index_, cycle_);
-        else if (in.flags & kWrites31)
-            r_[31] = 0;
+        unsigned touched = 0;
+        if (in.flags & kBus) {
+            if (cycle_ > sync_at_)
+                break;
+            if (in.flags & kReads31)
+                r_[31] = bus_.input(index_, cycle_);
+            else if (in.flags & kWrites31)
+                r_[31] = 0;
+            touched = in.flags & (kWrites30 | kWrites31);
+        }
         uint32_t next = pc_ + 1;
         unsigned cost = 1;
-        unsigned touched = in.flags & (kWrites30 | kWrites31);
         insns_++;
         switch (in.op) {
         case ADD: case ADC: case SUB: case SUC: case RSB: case RSC: {
@@ -413,7 +425,6 @@ void PruCore::run(cycle_t limit)
                 cost += count * (in.dmask - pc_ - 1); /* a delay: its cycles pass, nothing else */
                 next = in.dmask;
             } else {
-                loop_ = true;
                 loop_top_ = pc_ + 1;
                 loop_end_ = in.dmask;
                 loop_left_ = count;
@@ -461,19 +472,21 @@ void PruCore::run(cycle_t limit)
         }
         if (state_ != State::Running)
             break;
-        if ((touched & kWrites30) && r_[30] != r30_out_) {
-            r30_out_ = r_[30];
-            bus_.output(index_, r30_out_, cycle_);
+        if (touched) {
+            if ((touched & kWrites30) && r_[30] != r30_out_) {
+                r30_out_ = r_[30];
+                bus_.output(index_, r30_out_, cycle_);
+            }
+            if ((touched & kWrites31) && (r_[31] & kEventValid))
+                bus_.event(index_, kFirstR31Event + static_cast<int>(r_[31] & 0xF), cycle_);
         }
-        if ((touched & kWrites31) && (r_[31] & kEventValid))
-            bus_.event(index_, kFirstR31Event + static_cast<int>(r_[31] & 0xF), cycle_);
         cycle_ += cost;
         pc_ = next;
-        if (loop_ && pc_ == loop_end_) {
+        if (pc_ == loop_end_) {
             if (--loop_left_ != 0)
                 pc_ = loop_top_;
             else
-                loop_ = false;
+                loop_end_ = kNoLoop;
         }
     }
 }

@@ -56,16 +56,18 @@ public:
      * again, the loop state cleared; registers keep their values. */
     void start(uint32_t pc, cycle_t c);
     void stop();
-    /* Executes the instructions that start at cycles up to limit. */
-    void run(cycle_t limit);
+    /* Executes the instructions that start at cycles up to limit; those
+     * that reach beyond the register file (memory, pins, events) only up to
+     * sync: another core or the timer may act before then. */
+    void run(cycle_t limit, cycle_t sync);
     /* The core's input may have changed at cycle c: a waiting core looks
      * again then (not before it began to wait). */
     void poke(cycle_t c);
-    /* Executes no further than limit in the current run. */
+    /* Lowers the current run's sync. */
     void limit(cycle_t c)
     {
-        if (c < stop_at_)
-            stop_at_ = c;
+        if (c < sync_at_)
+            sync_at_ = c;
     }
 
     State state() const { return state_; }
@@ -94,7 +96,6 @@ public:
 
 private:
     void decode_all();
-    bool step(const Insn& in, unsigned* cost);
     bool burst(const Insn& in, uint32_t addr, unsigned* cost);
     bool xfr(const Insn& in);
     void wait(uint32_t mask);
@@ -123,12 +124,14 @@ private:
     State state_ = State::Off;
     cycle_t cycle_ = 0;
     cycle_t stop_at_ = 0;
+    cycle_t sync_at_ = 0;
     cycle_t wait_from_ = 0;
     cycle_t started_at_ = 0;
     cycle_t stopped_at_ = 0;
     uint64_t insns_ = 0;
-    bool loop_ = false;
-    uint32_t loop_top_ = 0, loop_end_ = 0, loop_left_ = 0;
+    /* The hardware loop; its end is kNoLoop while none runs. */
+    static constexpr uint32_t kNoLoop = UINT32_MAX;
+    uint32_t loop_top_ = 0, loop_end_ = kNoLoop, loop_left_ = 0;
 };
 
 } // namespace sim

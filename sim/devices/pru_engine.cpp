@@ -19,7 +19,7 @@ constexpr ns_t kTick = 5;                 /* 200 MHz */
 constexpr ns_t kRunQuantum = 1000 * kUs;
 constexpr uint32_t kIram[2] = {0x34000, 0x38000};
 constexpr uint32_t kControl[2] = {0x22000, 0x24000};
-constexpr uint32_t kOwnRam = 0x0000, kOtherRam = 0x2000, kRamEnd = 0x4000;
+constexpr uint32_t kOtherRam = 0x2000, kRamEnd = 0x4000;
 constexpr uint32_t kIntcEnd = 0x22000, kControlEnd = 0x26000;
 constexpr uint32_t kIep = 0x2E000, kIepEnd = 0x2F000;
 constexpr uint32_t kOcp = 0x80000;        /* from here the master port: global addresses */
@@ -30,7 +30,7 @@ constexpr uint32_t kOutState = Pruss::kSharedRam + 52;
 /* Control block registers and CONTROL bits. */
 enum : uint32_t { CONTROL = 0x0, STATUS = 0x4, WAKEUP_EN = 0x8, CYCLE = 0xC, CTBIR0 = 0x20, CTBIR1 = 0x24,
                   CTPPR0 = 0x28, CTPPR1 = 0x2C };
-constexpr uint32_t kEnable = 1u << 1, kSleeping = 1u << 2, kCounterEnable = 1u << 3, kRunState = 1u << 15;
+constexpr uint32_t kEnable = 1u << 1, kCounterEnable = 1u << 3, kRunState = 1u << 15;
 
 /* IEP registers. */
 enum : uint32_t { GLOBAL_CFG = 0x00, GLOBAL_STATUS = 0x04, COUNT = 0x0C, CMP_CFG = 0x40, CMP_STATUS = 0x44,
@@ -183,11 +183,11 @@ void PruEngine::advance(ns_t now)
             continue;
         }
         const PruCore& b = a == &core0_ ? core1_ : core0_;
-        cycle_t limit = std::min(end, iep_next_);
+        cycle_t sync = iep_next_;
         if (b.active() && b.cycle() != kNeverCycle)
-            limit = std::min(limit, a == &core0_ ? b.cycle() : b.cycle() - 1);
+            sync = std::min(sync, a == &core0_ ? b.cycle() : b.cycle() - 1);
         running_ = a;
-        a->run(limit);
+        a->run(end, sync);
         running_ = nullptr;
     }
     done_ = end;
@@ -253,11 +253,9 @@ void PruEngine::take_control(cycle_t c)
 uint32_t PruEngine::control_word(int pru) const
 {
     const PruCore& c = core(pru);
-    uint32_t ctl = pruss_.word(kControl[pru]) & ~(kRunState | kSleeping | kEnable);
+    uint32_t ctl = pruss_.word(kControl[pru]) & ~(kRunState | kEnable);
     if (c.active())
         ctl |= kEnable | kRunState;
-    if (c.state() == PruCore::State::Waiting)
-        ctl |= kSleeping;
     return ctl;
 }
 
@@ -435,6 +433,8 @@ bool PruEngine::store(int pru, uint32_t addr, const uint8_t* src, uint32_t len, 
         memcpy(pruss_.mem(off), src, len);
         if (pruss_.word(kOutState) != state)
             PruFirmware::journal_state(board_, pruss_);
+        if (pru == 0 && frozen())
+            core0_.limit(c); /* no-stop: nothing more from PRU0 */
         return true;
     }
     for (uint32_t i = 0; i < len;) {

@@ -81,7 +81,7 @@ private:
         return data;
     }
 
-    void store(const std::string& data) { write_whole_file(board_.fs_path(path()), data); }
+    void store(const std::string& data) { write_whole_file(board_.fs_path(path()), data, board_.dir()); }
 
     Board& board_;
 };
@@ -146,6 +146,24 @@ public:
                                2000000000);
         board.params().add_readonly("rtc.alarm", [this] { return alarm_text(); },
                                     "the wake-up alarm of /dev/rtc0: off, or its time, enabled and pending");
+        /* The alarm is the chip's, and stays set between two programs. */
+        board.params().add_internal(
+            "rtc.alarm_saved",
+            [this] {
+                return std::to_string(alarm_s_) + " " + std::to_string(alarm_set_) + std::to_string(enabled_) +
+                       std::to_string(pending_);
+            },
+            [this](const std::string& t) {
+                long long at = 0;
+                int set = 0, enabled = 0, pending = 0;
+                if (sscanf(t.c_str(), "%lld %1d%1d%1d", &at, &set, &enabled, &pending) != 4)
+                    return false;
+                alarm_s_ = at;
+                alarm_set_ = set != 0;
+                enabled_ = enabled != 0;
+                pending_ = pending != 0;
+                return true;
+            });
         board.add_node(std::make_unique<FuncAttr>(board, "/sys/class/rtc/rtc1/time", 0444, [this] {
             struct rtc_time rt = rtc_fields(seconds());
             char buf[16];

@@ -4,6 +4,7 @@
 #define VELA_TEST_CONFIGTEST_H
 
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 
 #include "remote.h"
@@ -26,17 +27,23 @@ protected:
         state = state_s{};
         unsetenv("ORVIK_CONFIGPATH");
     }
+    /* The root becomes the board's /var/opt, where its faults reach the
+     * files; the test still reaches them through the sandbox. */
+    void root_on_board()
+    {
+        setenv("ORVIK_CONFIGPATH", "/var/opt", 1);
+        folder_ = sim::sandbox() + "/fs/var/opt/Orvik/vela/";
+    }
     /* A file of the product folder. */
-    std::string product_file(const std::string& name) const { return root.path() + "/Orvik/vela/" + name; }
+    std::string product_file(const std::string& name) const { return folder_ + name; }
     void write_product_file(const std::string& name, const std::string& text) const
     {
-        std::string dir = root.path() + "/Orvik";
-        mkdir(dir.c_str(), 0755);
-        mkdir((dir + "/vela").c_str(), 0755);
+        std::filesystem::create_directories(folder_);
         write_file(product_file(name), text);
     }
 
     TempDir root;
+    std::string folder_ = root.path() + "/Orvik/vela/";
 };
 
 } // namespace vt

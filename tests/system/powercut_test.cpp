@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <filesystem>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -118,6 +119,28 @@ protected:
         return vt::read_file(server.dir() + "/fs" + kFolder + "/" + name);
     }
 
+    /* Files in the folder other than the program's own. */
+    int strangers() const
+    {
+        int n = 0;
+        for (const auto& e : std::filesystem::directory_iterator(server.dir() + "/fs" + kFolder)) {
+            std::string name = e.path().filename();
+            n += name != "velatool.ini" && name != "nv_state.ini";
+        }
+        return n;
+    }
+
+    /* The journal's last power cut: "PATH cut OP". */
+    std::string last_cut()
+    {
+        std::vector<std::string> j = server.journal();
+        for (auto it = j.rbegin(); it != j.rend(); ++it) {
+            if (it->find(" cut ") != std::string::npos)
+                return *it;
+        }
+        return {};
+    }
+
     /* The block the program meant to write last: the bytes of the
      * journal's cut line, or else its last whole write (a cut in the
      * mirror's save comes after the block was written). */
@@ -179,7 +202,7 @@ const char kGetCalibration[] = "get x_corr w_offset w_scale f";
  * values and serves on. */
 TEST_F(PowerCut, CalibrationSaveCutAtEveryStep)
 {
-    int cuts = 0, failures = 0, old_found = 0, new_found = 0;
+    int cuts = 0, failures = 0, old_found = 0, new_found = 0, leftovers = 0;
     for (const char* op : {"open", "write", "fsync", "rename"}) {
         int steps = 0;
         for (;; steps++) {
@@ -191,7 +214,9 @@ TEST_F(PowerCut, CalibrationSaveCutAtEveryStep)
             }
             ASSERT_TRUE(was_cut()) << op << " " << steps;
             cuts++;
+            leftovers += strangers();
             ASSERT_TRUE(power_up()) << server.err();
+            EXPECT_EQ(0, strangers()) << op << " #" << steps; /* the start removed what the cut left */
             std::string values = ask(kGetCalibration);
             EXPECT_TRUE(values == kValuesA || values == kValuesB) << op << " #" << steps << ": " << values;
             (values == kValuesA ? old_found : new_found)++;
@@ -208,6 +233,9 @@ TEST_F(PowerCut, CalibrationSaveCutAtEveryStep)
                 EXPECT_EQ("", ask(std::string("set ") + kCalibrationB)) << op << " " << err;
                 EXPECT_EQ(kValuesB, ask(kGetCalibration)) << op << " " << err;
                 ASSERT_TRUE(ctl_ok({"faults-clear"}));
+                /* the change stays pending: the next set of anything saves it */
+                ASSERT_EQ("", ask("set tracelevel=3"));
+                EXPECT_NE(std::string::npos, file("velatool.ini").find("w_offset=32000")) << op << " " << err;
                 failures++;
             }
         }
@@ -218,8 +246,9 @@ TEST_F(PowerCut, CalibrationSaveCutAtEveryStep)
     server.stop();
     ASSERT_TRUE(power_up());
     EXPECT_EQ(kValuesB, ask(kGetCalibration));
-    printf("calibration save: %d power cuts (%d found the old values, %d the new), %d failed steps\n", cuts,
-           old_found, new_found, failures);
+    printf("calibration save: %d power cuts (%d found the old values, %d the new, %d left a temporary file), "
+           "%d failed steps\n",
+           cuts, old_found, new_found, leftovers, failures);
     EXPECT_GE(cuts, 6);
     EXPECT_GT(old_found, 0); /* cut before the rename */
     EXPECT_GT(new_found, 0); /* cut at the folder's sync */
@@ -231,7 +260,7 @@ TEST_F(PowerCut, CalibrationSaveCutAtEveryStep)
  * agreeing with it. */
 TEST_F(PowerCut, CounterSaveCutAtEveryByteAndStep)
 {
-    int cuts = 0, old_found = 0, new_found = 0;
+    int cuts = 0, old_found = 0, new_found = 0, folder_synced = 0;
     auto check_after_cut = [&](const Counters& before, const std::string& where) {
         ASSERT_TRUE(was_cut()) << where;
         Counters meant = intended_block();
@@ -272,6 +301,7 @@ TEST_F(PowerCut, CounterSaveCutAtEveryByteAndStep)
                 EXPECT_GT(n, 0) << "no " << op << " in a save";
                 break;
             }
+            folder_synced += last_cut() == std::string(kFolder) + " cut fsync";
             check_after_cut(before, std::string("mirror ") + op + " #" + std::to_string(n));
             if (HasFatalFailure())
                 return;
@@ -279,6 +309,7 @@ TEST_F(PowerCut, CounterSaveCutAtEveryByteAndStep)
     }
     printf("counter save: %d power cuts (%d found the old counters, %d the new)\n", cuts, old_found, new_found);
     EXPECT_GE(cuts, 29 + 5);
+    EXPECT_GT(folder_synced, 0); /* the mirror's new name is made durable */
     EXPECT_GT(old_found, 0); /* a torn block falls back to the mirror */
     EXPECT_GT(new_found, 0); /* the whole block got through */
 }

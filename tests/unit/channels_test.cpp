@@ -178,6 +178,14 @@ TEST_F(Channels, BatteryPercentFollowsLoadAndChargeState)
     chgstate.state = BATT_STATE_CHARGING;
     EXPECT_EQ("7 data 54\n", get("batt"));
 
+    /* Rounded to the nearest percent: 98.6 % is 99. */
+    chgstate.state = BATT_STATE_ON_BATTERY;
+    ASSERT_TRUE(sim::set("backlight.brightness", "100"));
+    ASSERT_TRUE(sim::set("battery.voltage", "3.976"));
+    EXPECT_EQ("7 data 99\n", get("batt"));
+    ASSERT_TRUE(sim::set("backlight.brightness", "0"));
+    chgstate.state = BATT_STATE_CHARGING;
+
     /* Above full scale 99, unless the charge is done; below critical 0. */
     ASSERT_TRUE(sim::set("battery.voltage", "4.2"));
     EXPECT_EQ("7 data 99\n", get("batt"));

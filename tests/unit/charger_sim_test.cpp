@@ -372,13 +372,22 @@ TEST_F(charger, TheWatchdogRestoresTheDefaultsUnlessKicked)
     sim::advance_clock(20 * kSecNs);
     ASSERT_EQ(0, put(0, 0x80)); /* TMR_RST */
     sim::advance_clock(29 * kSecNs);
-    EXPECT_EQ(0x62, reg(5));
+    EXPECT_EQ(0x62, reg(5)); /* a read does not restart it */
     EXPECT_THAT(sim::control("clock advance-to-next"), HasSubstr("ok"));
     EXPECT_EQ(t0 + 50 * kSecNs, sim::board_ns());
+    EXPECT_THAT(sim::get("charger.state"), HasSubstr("default mode"));
     EXPECT_EQ(0x32, reg(5));
     EXPECT_EQ(0x03, reg(0)); /* watchdog expired */
     EXPECT_EQ(0x00, reg(0));
-    EXPECT_THAT(sim::get("charger.state"), HasSubstr("default mode"));
+
+    /* Any access starts it, a bare read too. */
+    board("battery.voltage = 3.5");
+    int fd = open_chip();
+    uint8_t b = 0;
+    EXPECT_EQ(1, read(fd, &b, 1));
+    close(fd);
+    sim::advance_clock(30 * kSecNs);
+    EXPECT_EQ("1", sim::get("charger.watchdog_expiries"));
 
     ASSERT_TRUE(sim::set("charger.watchdog", "0"));
     ASSERT_EQ(0, put(5, 0x62));

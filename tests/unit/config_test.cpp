@@ -3,6 +3,7 @@
 
 #include "configtest.h"
 #include "mtrace.h"
+#include "sim.h"
 #include "util.h"
 
 using testing::HasSubstr;
@@ -133,6 +134,44 @@ TEST_F(Config, AnUnreadableFileIsKeptAsideAndWhatWasReadStays)
         EXPECT_THAT(ini(), HasSubstr("calibration_rev=2"));
         EXPECT_DOUBLE_EQ(1.0, state.x_corr);
     }
+}
+
+/* A file the medium cannot give back (an I/O error, not its content) is
+ * never replaced: the server runs on the defaults, a save while it still
+ * cannot be read writes nothing, and the first save once it reads keeps
+ * the calibration and adds what was changed meanwhile. */
+TEST_F(Config, AFileThatCannotBeReadIsKeptAndSavedOnceItReads)
+{
+    root_on_board();
+    const std::string calibrated = "; kept\n[channel]\nw_scale=2e-05\ncalibration_rev=2\n[motor]\nx_corr=1.1\n";
+    const std::string file = "/var/opt/Orvik/vela/velatool.ini";
+    for (const char* fault : {"read EIO always", "read EIO 1 after 1" /* the end-of-file check */,
+                              "open EACCES always"}) {
+        write_product_file("velatool.ini", calibrated);
+        ASSERT_EQ("ok\n", sim::control("fault " + file + " " + fault));
+        start();
+        sim::control("faults-clear"); /* before the test reads the file itself */
+        EXPECT_DOUBLE_EQ(1.0, state.x_corr) << fault;
+        EXPECT_DOUBLE_EQ(8.18591e-06, state.w_scale) << fault;
+        EXPECT_EQ(calibrated, ini()) << fault;
+    }
+
+    /* A client's change while the read still fails, then another once it
+     * reads again. */
+    ASSERT_EQ("ok\n", sim::control("fault " + file + " read EIO always"));
+    MIniData_SetDoubleEntry(state.h_ini, "channel", "f", 19500);
+    EXPECT_EQ(-1, util_ini_save());
+    sim::control("faults-clear");
+    EXPECT_EQ(calibrated, ini());
+    MIniData_SetLongEntry(state.h_ini, "channel", "w_offset", 31000);
+    EXPECT_EQ(0, util_ini_save());
+    EXPECT_THAT(ini(), HasSubstr("; kept\n"));
+    start();
+    EXPECT_DOUBLE_EQ(1.1, state.x_corr);
+    EXPECT_DOUBLE_EQ(2e-05, state.w_scale);
+    EXPECT_DOUBLE_EQ(19500, state.f);
+    EXPECT_EQ(31000, state.w_offset);
+    EXPECT_DOUBLE_EQ(3.6, state.vbatt_low_threshold); /* the missing section's defaults */
 }
 
 TEST_F(Config, WithoutAFolderThereIsNoStart)

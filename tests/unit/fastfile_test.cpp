@@ -211,6 +211,26 @@ TEST_F(FastFileTest, WholeFileModes)
     EXPECT_EQ("atomic 14", vt::read_file(path));
 }
 
+/* What a cut save leaves is its own temporary name, <file>.XXXXXX: that
+ * goes, anything else stays. */
+TEST_F(FastFileTest, LeftoversOfCutSavesAreRemoved)
+{
+    const char* const leftovers[] = {"f.txt.a1B2c3", "f.txt.XXXXXX"};
+    const char* const others[] = {"f.txt.bad", "f.txt.a1B2c", "f.txt.a1B2c34", "f.txt.a1-2c3", "g.txt.a1B2c3",
+                                  "f.txta1B2c3", "a1B2c3"};
+    for (const char* name : leftovers)
+        vt::write_file(dir.file(name), "");
+    for (const char* name : others)
+        vt::write_file(dir.file(name), "");
+    EXPECT_EQ(2, MFastFile_RemoveTemporaryFiles(path.c_str()));
+    std::vector<std::string> names = entries_of(dir.path());
+    std::sort(names.begin(), names.end());
+    Lines kept(std::begin(others), std::end(others));
+    std::sort(kept.begin(), kept.end());
+    EXPECT_EQ(kept, names);
+    EXPECT_EQ(-1, MFastFile_RemoveTemporaryFiles(dir.file("none/f.txt").c_str()));
+}
+
 TEST_F(FastFileTest, AtomicReplaceLeavesNothingBehindWhenItFails)
 {
     /* the folder part is a regular file: the temporary file cannot be made */

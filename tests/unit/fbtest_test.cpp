@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "simtest.h"
+#include "tempdir.h"
 #include "testmodes.h"
 
 using testing::internal::CaptureStderr;
@@ -95,6 +96,13 @@ TEST_F(FbTest, ScreenshotIsAPng)
     EXPECT_EQ(std::string("\x89PNG\r\n\x1a\n", 8), png.substr(0, 8));
     EXPECT_EQ("IHDR", png.substr(12, 4));
     EXPECT_EQ(std::string("\0\0\x01\x40\0\0\0\xf0", 8), png.substr(16, 8)); /* 320 x 240 */
+
+    /* The board makes folders inside its own directory, never outside. */
+    EXPECT_EQ("ok\n", sim::control("screenshot shots/a.png"));
+    EXPECT_TRUE(vt::file_exists(sim::sandbox() + "/shots/a.png"));
+    vt::TempDir outside;
+    EXPECT_THAT(sim::control("screenshot " + outside.file("new/a.png")), testing::StartsWith("error: "));
+    EXPECT_FALSE(vt::file_exists(outside.file("new")));
 }
 
 TEST_F(FbTest, TheFileIsTheScreenMemory)

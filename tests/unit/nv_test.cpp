@@ -169,4 +169,21 @@ TEST_F(Counters, SavingWritesTheBlockAndTheFileOnlyWhenAsked)
     EXPECT_THAT(file(), HasSubstr("meas=10\n"));
 }
 
+/* A mirror the medium cannot give back is not written over: what else it
+ * holds is not known. The next save that reads it writes it. */
+TEST_F(Counters, AMirrorThatCannotBeReadIsKept)
+{
+    root_on_board();
+    const std::string text = "; service note\n[uptime]\nready=5\n";
+    write_product_file("nv_state.ini", text);
+    ASSERT_EQ("ok\n", sim::control("fault /var/opt/Orvik/vela/nv_state.ini read EIO always"));
+    nv_state_s nv = block(1, 100, 9, 0);
+    EXPECT_EQ(-1, nv_write_ini(&nv));
+    sim::control("faults-clear");
+    EXPECT_EQ(text, file());
+    EXPECT_EQ(0, nv_write_ini(&nv));
+    EXPECT_THAT(file(), HasSubstr("; service note\n"));
+    EXPECT_THAT(file(), HasSubstr("meas=9\n"));
+}
+
 } // namespace

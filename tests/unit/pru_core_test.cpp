@@ -8,6 +8,8 @@
 #include <vector>
 
 #include "board.h"
+#include "pruasm.h"
+#include "prussdrv.h"
 #include "pru_core.h"
 #include "simtest.h"
 #include "uio_pruss.h"
@@ -17,76 +19,16 @@ using sim::PruCore;
 
 namespace {
 
-/* ---- a small encoder: operands are register codes (selector << 5 | n) ---- */
-
-constexpr uint32_t R(int n, int sel = 7)
+/* The instruction RAM of an assembled snippet. */
+std::vector<uint32_t> assemble(const std::string& source)
 {
-    return static_cast<uint32_t>(sel << 5 | n);
+    pruasm::Output out = pruasm::assemble(source, "snippet");
+    EXPECT_TRUE(out.ok()) << testing::PrintToString(out.errors) << "\n" << source;
+    std::vector<uint32_t> words;
+    for (uint32_t a = 0; a < pruasm::kImageSize; a += 4)
+        words.push_back(pruasm::word_at(out.text, a));
+    return words;
 }
-enum { B0, B1, B2, B3, W0, W1, W2 };
-enum Alu { ADD, ADC, SUB, SUC, LSL, LSR, RSB, RSC, AND, OR, XOR, NOT, MIN, MAX, CLR, SET };
-constexpr uint32_t kHalt = 0x2A000000, kNop = 0x12E0E0E0;
-
-uint32_t alu(Alu op, uint32_t d, uint32_t s1, uint32_t s2)
-{
-    return uint32_t{op} << 25 | s2 << 16 | s1 << 8 | d;
-}
-uint32_t alui(Alu op, uint32_t d, uint32_t s1, uint32_t imm)
-{
-    return alu(op, d, s1, imm) | 1u << 24;
-}
-uint32_t ldi(uint32_t d, uint32_t imm)
-{
-    return 0x24000000 | imm << 8 | d;
-}
-uint32_t lmbd(uint32_t d, uint32_t s1, uint32_t imm)
-{
-    return 0x27000000 | imm << 16 | s1 << 8 | d;
-}
-/* Quick branches: cond GT 4, EQ 2, LT 1; off in words. */
-uint32_t qb(int cond, int off, uint32_t s1, uint32_t imm)
-{
-    uint32_t o = static_cast<uint32_t>(off) & 0x3FF;
-    return 0x41000000 | uint32_t(cond) << 27 | (o >> 8) << 25 | imm << 16 | s1 << 8 | (o & 0xFF);
-}
-uint32_t qbb(bool set, int off, uint32_t s1, uint32_t bit)
-{
-    uint32_t o = static_cast<uint32_t>(off) & 0x3FF;
-    return (set ? 0xD1000000 : 0xC9000000) | (o >> 8) << 25 | bit << 16 | s1 << 8 | (o & 0xFF);
-}
-uint32_t wbs(uint32_t s1, uint32_t bit)
-{
-    return qbb(false, 0, s1, bit);
-}
-uint32_t jal(uint32_t d, uint32_t target)
-{
-    return 0x23000000 | target << 8 | d;
-}
-uint32_t jmp_reg(uint32_t s2)
-{
-    return 0x20000000 | s2 << 16;
-}
-uint32_t loop(int end_off, uint32_t count)
-{
-    return 0x31000000 | (count - 1) << 16 | static_cast<uint32_t>(end_off);
-}
-uint32_t loop_reg(int end_off, uint32_t s2)
-{
-    return 0x30000000 | s2 << 16 | static_cast<uint32_t>(end_off);
-}
-/* Bursts: start register n with byte rdb; len 1..124, or 124 + N for r0.bN.
- * base is a register (xBBO) or a constant index (xBCO). */
-uint32_t burst(uint32_t top, bool load, int n, int rdb, uint32_t base, uint32_t off, uint32_t len)
-{
-    uint32_t l = len < 124 ? len - 1 : len;
-    return top | uint32_t{load} << 28 | (l >> 4) << 25 | 1u << 24 | off << 16 | ((l >> 1) & 7) << 13 | base << 8 |
-           (l & 1) << 7 | uint32_t(rdb) << 5 | uint32_t(n);
-}
-uint32_t sbbo(int n, int rdb, uint32_t base, uint32_t off, uint32_t len) { return burst(0xE0000000, false, n, rdb, base, off, len); }
-uint32_t lbbo(int n, int rdb, uint32_t base, uint32_t off, uint32_t len) { return burst(0xE0000000, true, n, rdb, base, off, len); }
-uint32_t sbco(int n, uint32_t c, uint32_t off, uint32_t len) { return burst(0x80000000, false, n, 0, c, off, len); }
-uint32_t lbco(int n, uint32_t c, uint32_t off, uint32_t len) { return burst(0x80000000, true, n, 0, c, off, len); }
-constexpr uint32_t kFromR0B0 = 124, kFromR0B1 = 125;
 
 /* ---- a bare core ---- */
 
@@ -121,13 +63,14 @@ class Core : public testing::Test {
 protected:
     /* Runs the words from 0 with the registers given (r1, r2, ...) until
      * the core stops or `cycles` pass. */
-    void run(std::vector<uint32_t> words, std::vector<uint32_t> regs = {}, cycle_t cycles = 100000)
+    void run(const std::string& source, std::vector<uint32_t> regs = {}, cycle_t cycles = 100000)
     {
+        std::vector<uint32_t> words = assemble(source);
         std::copy(words.begin(), words.end(), iram);
         for (size_t i = 0; i < regs.size(); i++)
             core.set_reg(static_cast<int>(i + 1), regs[i]);
         core.start(0, 0);
-        core.run(cycles);
+        core.run(cycles, cycles);
     }
     uint32_t iram[PruCore::kIramWords] = {};
     uint32_t scratch[90] = {};
@@ -136,8 +79,7 @@ protected:
 };
 
 struct AluCase {
-    const char* what;
-    uint32_t insn;
+    const char* insn;
     uint32_t r1, r2, r3;
     bool carry_in;
     uint32_t result; /* r3 */
@@ -148,78 +90,74 @@ struct AluCase {
  * destination's width (a borrow for subtraction); only the destination's
  * field changes. */
 const AluCase kAlu[] = {
-    {"add into a byte", alu(ADD, R(3, B0), R(1, B0), R(2, B0)), 0xF0, 0x20, 0xAABBCCDD, false, 0xAABBCC10, true},
-    {"add into a word", alu(ADD, R(3), R(1, B0), R(2, B0)), 0xF0, 0x20, 0, false, 0x110, false},
-    {"adc", alu(ADC, R(3), R(1), R(2)), 1, 2, 0, true, 4, false},
-    {"adc carries out of 32 bits", alu(ADC, R(3), R(1), R(2)), 0xFFFFFFFF, 0, 0, true, 0, true},
-    {"sub borrows", alu(SUB, R(3), R(1), R(2)), 1, 2, 0, false, 0xFFFFFFFF, true},
-    {"sub into w0: bit 16", alu(SUB, R(3, W0), R(1), R(2)), 0x10000, 1, 0, false, 0xFFFF, false},
-    {"suc", alu(SUC, R(3), R(1), R(2)), 5, 2, 0, true, 2, false},
-    {"rsb", alui(RSB, R(3), R(1), 10), 3, 0, 0, false, 7, false},
-    {"rsc", alui(RSC, R(3), R(1), 10), 3, 0, 0, true, 6, false},
-    {"lsl truncates", alui(LSL, R(3, B0), R(1, B0), 4), 0xFF, 0, 0, false, 0xF0, false},
-    {"shift count mod 32", alu(LSL, R(3), R(1), R(2)), 1, 33, 0, false, 2, false},
-    {"lsr", alui(LSR, R(3), R(1), 8), 0x1234, 0, 0, false, 0x12, false},
-    {"logic leaves carry", alu(AND, R(3), R(1), R(2)), 0xF0F0, 0xFF00, 0, true, 0xF000, true},
-    {"or", alu(OR, R(3), R(1), R(2)), 0xF0, 0x0F, 0, false, 0xFF, false},
-    {"xor", alu(XOR, R(3), R(1), R(2)), 0xFF, 0x0F, 0, false, 0xF0, false},
-    {"not widens", alu(NOT, R(3, W0), R(1, B0), 0) | 1u << 24, 0x0F, 0, 0, false, 0xFFF0, false},
-    {"min unsigned", alu(MIN, R(3), R(1), R(2)), 0x80000000, 1, 0, false, 1, false},
-    {"max unsigned", alu(MAX, R(3), R(1), R(2)), 0x80000000, 1, 0, false, 0x80000000, false},
-    {"clr", alui(CLR, R(3), R(1), 33), 0xFF, 0, 0, false, 0xFD, false},
-    {"set", alui(SET, R(3), R(1), 31), 0, 0, 0, false, 0x80000000, false},
-    {"w1 is bits 23..8", alui(OR, R(3, W1), R(1, W1), 0), 0x12ABCD34, 0, 0, false, 0x00ABCD00, false},
-    {"lmbd", lmbd(R(3), R(1), 1), 0x00010000, 0, 0, false, 16, false},
-    {"lmbd none: 32", lmbd(R(3), R(1, B0), 0), 0xFF, 0, 0, false, 32, false},
-    {"lmbd within the field", lmbd(R(3), R(1, B1), 1), 0x0100, 0, 0, false, 0, false},
-    {"ldi into a field", ldi(R(3, W2), 0xBEEF), 0, 0, 0x1234, false, 0xBEEF1234, false},
+    {"add r3.b0, r1.b0, r2.b0", 0xF0, 0x20, 0xAABBCCDD, false, 0xAABBCC10, true},
+    {"add r3, r1.b0, r2.b0", 0xF0, 0x20, 0, false, 0x110, false},
+    {"adc r3, r1, r2", 1, 2, 0, true, 4, false},
+    {"adc r3, r1, r2", 0xFFFFFFFF, 0, 0, true, 0, true},
+    {"sub r3, r1, r2", 1, 2, 0, false, 0xFFFFFFFF, true},
+    {"sub r3.w0, r1, r2", 0x10000, 1, 0, false, 0xFFFF, false},
+    {"suc r3, r1, r2", 5, 2, 0, true, 2, false},
+    {"rsb r3, r1, 10", 3, 0, 0, false, 7, false},
+    {"rsc r3, r1, 10", 3, 0, 0, true, 6, false},
+    {"lsl r3.b0, r1.b0, 4", 0xFF, 0, 0, false, 0xF0, false},
+    {"lsl r3, r1, r2", 1, 33, 0, false, 2, false},
+    {"lsr r3, r1, 8", 0x1234, 0, 0, false, 0x12, false},
+    {"and r3, r1, r2", 0xF0F0, 0xFF00, 0, true, 0xF000, true},
+    {"or r3, r1, r2", 0xF0, 0x0F, 0, false, 0xFF, false},
+    {"xor r3, r1, r2", 0xFF, 0x0F, 0, false, 0xF0, false},
+    {"not r3.w0, r1.b0", 0x0F, 0, 0, false, 0xFFF0, false},
+    {"min r3, r1, r2", 0x80000000, 1, 0, false, 1, false},
+    {"max r3, r1, r2", 0x80000000, 1, 0, false, 0x80000000, false},
+    {"clr r3, r1, r2", 0xFF, 33, 0, false, 0xFD, false},
+    {"set r3, r1, 31", 0, 0, 0, false, 0x80000000, false},
+    {"mov r3.w1, r1.w1", 0x12ABCD34, 0, 0, false, 0x00ABCD00, false},
+    {"lmbd r3, r1, 1", 0x00010000, 0, 0, false, 16, false},
+    {"lmbd r3, r1.b0, 0", 0xFF, 0, 0, false, 32, false},
+    {"lmbd r3, r1.b1, 1", 0x0100, 0, 0, false, 0, false},
+    {"ldi r3.w2, 0xBEEF", 0, 0, 0x1234, false, 0xBEEF1234, false},
 };
 
 TEST_F(Core, AluSemantics)
 {
     for (const AluCase& c : kAlu) {
-        SCOPED_TRACE(c.what);
+        SCOPED_TRACE(testing::Message() << c.insn << " r1=" << std::hex << c.r1);
         core.clear();
         /* r9 = 0: subtracting 1 sets the carry, adding 0 clears it. */
-        run({c.carry_in ? alui(SUB, R(9), R(9), 1) : alui(ADD, R(9), R(9), 0), c.insn, kHalt}, {c.r1, c.r2, c.r3});
+        run(std::string(c.carry_in ? "sub r9, r9, 1\n" : "add r9, r9, 0\n") + c.insn + "\nhalt\n", {c.r1, c.r2, c.r3});
         EXPECT_EQ(c.result, core.reg(3));
         EXPECT_EQ(c.carry, core.carry());
     }
 }
 
-struct BranchCase {
-    uint32_t insn;
-    uint32_t r1;
-    bool taken;
-};
-
 /* The third operand is compared against the second: qbgt jumps if b > s. */
-const BranchCase kBranches[] = {
-    {qb(4, 2, R(1), 5), 4, true},  {qb(4, 2, R(1), 5), 5, false}, {qb(6, 2, R(1), 5), 5, true},
-    {qb(1, 2, R(1), 5), 6, true},  {qb(1, 2, R(1), 5), 5, false}, {qb(3, 2, R(1), 5), 5, true},
-    {qb(2, 2, R(1), 5), 5, true},  {qb(5, 2, R(1), 5), 5, false}, {qb(7, 2, 0, 0), 0, true},
-    {qb(4, 2, R(1, B0), 5), 0x104, true}, /* the field, not the register */
-    {qbb(true, 2, R(1), 33), 2, true},     {qbb(false, 2, R(1), 1), 2, false},
-};
-
 TEST_F(Core, QuickBranches)
 {
-    for (const BranchCase& c : kBranches) {
-        SCOPED_TRACE(testing::Message() << std::hex << c.insn << " r1=" << c.r1);
+    const struct {
+        const char* insn;
+        uint32_t r1;
+        bool taken;
+    } cases[] = {
+        {"qbgt skip, r1, 5", 4, true},   {"qbgt skip, r1, 5", 5, false}, {"qbge skip, r1, 5", 5, true},
+        {"qblt skip, r1, 5", 6, true},   {"qblt skip, r1, 5", 5, false}, {"qble skip, r1, 5", 5, true},
+        {"qbeq skip, r1, 5", 5, true},   {"qbne skip, r1, 5", 5, false}, {"qba skip", 0, true},
+        {"qbgt skip, r1.b0, 5", 0x104, true}, /* the field, not the register */
+        {"qbbs skip, r1, 1", 2, true},        {"qbbc skip, r1, 1", 2, false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << c.insn << " r1=" << c.r1);
         core.clear();
-        run({c.insn, ldi(R(3), 1), kHalt}, {c.r1});
+        run(std::string(c.insn) + "\nldi r3, 1\nskip: halt\n", {c.r1});
         EXPECT_EQ(c.taken ? 0u : 1u, core.reg(3));
     }
-    /* Backwards: count r1 down to 0. */
     core.clear();
-    run({alui(SUB, R(1), R(1), 1), qb(5, -1, R(1), 0), kHalt}, {7});
+    run("back: sub r1, r1, 1\nqbne back, r1, 0\nhalt\n", {7});
     EXPECT_EQ(0u, core.reg(1));
     EXPECT_EQ(2u, core.pc());
 }
 
 TEST_F(Core, CallAndReturnThroughAField)
 {
-    run({jal(R(3, W2), 3), alui(ADD, R(1), R(1), 1), kHalt, alui(ADD, R(2), R(2), 5), jmp_reg(R(3, W2))});
+    run("call sub\nadd r1, r1, 1\nhalt\nsub: add r2, r2, 5\nret\n");
     EXPECT_EQ(1u, core.reg(3) >> 16);
     EXPECT_EQ(1u, core.reg(1));
     EXPECT_EQ(5u, core.reg(2));
@@ -227,25 +165,24 @@ TEST_F(Core, CallAndReturnThroughAField)
 
 TEST_F(Core, HardwareLoops)
 {
-    /* Three times over two instructions. */
-    run({loop(3, 3), alui(ADD, R(1), R(1), 1), alui(ADD, R(2), R(2), 2), kHalt});
+    run("loop end, 3\nadd r1, r1, 1\nadd r2, r2, 2\nend: halt\n");
     EXPECT_EQ(3u, core.reg(1));
     EXPECT_EQ(6u, core.reg(2));
 
     /* A register count of 0 skips the body. */
     core.clear();
-    run({loop_reg(2, R(5)), alui(ADD, R(1), R(1), 1), kHalt});
+    run("loop end, r5\nadd r1, r1, 1\nend: halt\n");
     EXPECT_EQ(0u, core.reg(1));
 
     /* A jump to the end from inside the body ends an iteration, not the loop. */
     core.clear();
-    run({loop_reg(3, R(5, W0)), alui(ADD, R(1), R(1), 1), qb(7, 1, 0, 0), kHalt}, {0, 0, 0, 0, 4});
+    run("loop end, r5.w0\nadd r1, r1, 1\nqba end\nend: halt\n", {0, 0, 0, 0, 4});
     EXPECT_EQ(4u, core.reg(1));
 }
 
 TEST_F(Core, ADelayLoopCostsItsCyclesButIsNotStepped)
 {
-    run({loop_reg(3, R(5)), kNop, kNop, kHalt}, {0, 0, 0, 0, 50000}, 1000000);
+    run("loop end, r5\nnop\nnop\nend: halt\n", {0, 0, 0, 0, 50000}, 1000000);
     EXPECT_EQ(PruCore::State::Halted, core.state());
     EXPECT_EQ(1u + 100000u, core.cycles());
     EXPECT_EQ(2u, core.insns());
@@ -255,7 +192,7 @@ TEST_F(Core, BurstsWalkTheRegisterFileFromTheirStartByte)
 {
     /* r0 = 0x80818283, r1 = 0x84858687: five bytes from r0.b2 to 0x1000. */
     core.set_reg(0, 0x80818283);
-    run({sbbo(0, 2, 2, 0, 5), kHalt}, {0x84858687, 0x1000});
+    run("sbbo r0.b2, r2, 0, 5\nhalt\n", {0x84858687, 0x1000});
     const uint8_t stored[] = {0x81, 0x80, 0x87, 0x86, 0x85};
     EXPECT_EQ(0, memcmp(stored, bus.mem + 0x1000, 5));
 
@@ -264,32 +201,32 @@ TEST_F(Core, BurstsWalkTheRegisterFileFromTheirStartByte)
     const uint8_t data[] = {1, 2, 3, 4, 5, 6, 7};
     memcpy(bus.mem + 0x310, data, sizeof data);
     core.set_reg(0, 6 << 8);
-    run({lbco(4, 3, 0x10, kFromR0B1), kHalt});
+    run("lbco r4, c3, 0x10, r0.b1\nhalt\n");
     EXPECT_EQ(0x04030201u, core.reg(4));
     EXPECT_EQ(0x0605u, core.reg(5));
 
     /* A length of 0 in r0.b0 is a fault, not a no-op. */
     core.clear();
-    run({lbbo(4, 0, 1, 0, kFromR0B0), kHalt});
+    run("lbbo r4, r1, 0, r0.b0\nhalt\n");
     EXPECT_EQ(PruCore::State::Halted, core.state());
     EXPECT_EQ("burst of length 0", bus.halt);
 }
 
 TEST_F(Core, R31WritesRaiseEventsAndR30DrivesThePins)
 {
-    run({ldi(R(31, B0), 35), ldi(R(31, B0), 3), ldi(R(30), 1), alui(OR, R(30), R(30), 0), kHalt});
+    run("ldi r31.b0, 35\nldi r31.b0, 3\nldi r30, 1\nmov r30, r30\nhalt\n");
     EXPECT_THAT(bus.events, testing::ElementsAre(19)); /* bit 5 is the strobe */
     EXPECT_THAT(bus.outputs, testing::ElementsAre(1u)); /* only changes reach the pins */
 }
 
 TEST_F(Core, AWaitOnAnInputCostsNothingUntilPoked)
 {
-    run({wbs(R(31), 5), ldi(R(3), 1), kHalt}, {}, 1000000);
+    run("wbs r31, 5\nldi r3, 1\nhalt\n", {}, 1000000);
     EXPECT_EQ(PruCore::State::Waiting, core.state());
     EXPECT_EQ(1u, core.insns());
     bus.r31 = 1u << 5;
     core.poke(500);
-    core.run(1000000);
+    core.run(1000000, 1000000);
     EXPECT_EQ(1u, core.reg(3));
     EXPECT_EQ(500u + 2, core.cycles()); /* the HALT's own cycle */
 }
@@ -301,11 +238,20 @@ constexpr uint32_t kControl[2] = {0x22000, 0x24000};
 
 class Pruss : public vt::SimTest {
 protected:
-    std::string scenario() const override { return "[pru]\nengine = firmware\n[clock]\nmode = step\n"; }
+    std::string scenario() const override { return "[pru]\nengine = firmware\n"; }
+    void SetUp() override { fresh(); }
+    /* A new board, its clock moved only by the test. */
+    void fresh()
+    {
+        ASSERT_EQ("", sim::reset(scenario()));
+        ASSERT_TRUE(sim::clock_mode("step"));
+        sim::advance(); /* the generator's frequency reaches the channel */
+    }
     sim::Pruss& pruss() { return sim::Board::get().device<sim::Pruss>(); }
     uint32_t& reg(uint32_t off) { return pruss().reg(off); }
-    void load(int pru, const std::vector<uint32_t>& words, uint32_t start = 0)
+    void load(int pru, const std::string& source, uint32_t start = 0)
     {
+        std::vector<uint32_t> words = assemble(source);
         for (size_t i = 0; i < words.size(); i++)
             reg(kIram[pru] + 4 * static_cast<uint32_t>(i)) = words[i];
         reg(kControl[pru]) = start << 16 | 3;
@@ -318,8 +264,8 @@ TEST_F(Pruss, LocalMemoryMapAndConstantsTable)
     /* PRU1: its own RAM at 0, PRU0's at 0x2000, C28 set to the shared RAM,
      * C24 its own RAM. */
     reg(kControl[1] + 0x28) = 0x100;
-    load(1, {ldi(R(1), 0x1111), ldi(R(2), 0x2000), sbbo(1, 0, 0, 8, 4), sbbo(1, 0, 2, 8, 4), sbco(1, 28, 12, 4),
-             sbco(1, 24, 16, 4), kHalt});
+    load(1, "ldi r1, 0x1111\nldi r2, 0x2000\nsbbo r1, r0, 8, 4\nsbbo r1, r2, 8, 4\nsbco r1, c28, 12, 4\n"
+            "sbco r1, c24, 16, 4\nhalt\n");
     run_for(1000);
     EXPECT_EQ(0x1111u, reg(0x2008));        /* PRU1's data RAM */
     EXPECT_EQ(0x1111u, reg(0x0008));        /* PRU0's */
@@ -329,30 +275,185 @@ TEST_F(Pruss, LocalMemoryMapAndConstantsTable)
     EXPECT_EQ("0x0006", sim::get("pru1.pc"));
 }
 
-struct HaltCase {
-    const char* what;
-    std::vector<uint32_t> words;
-    const char* line;
-};
-
 TEST_F(Pruss, EachHaltIsJournaledWithItsProgramCounter)
 {
-    const HaltCase cases[] = {
-        {"halt", {kNop, kHalt}, "pruss halt pru0 pc=0x0001 halt instruction"},
-        {"illegal", {kNop, kNop, 0xA0000000}, "pruss halt pru0 pc=0x0002 illegal instruction"},
-        {"outside", {0x21000000 | 0x7FF << 8}, "pruss halt pru0 pc=0x0800 fetch outside instruction RAM"},
-        {"ddr", {ldi(R(1, W2), 0x9e00), lbbo(2, 0, 1, 0, 4)}, "pruss halt pru0 pc=0x0001 DDR access with STANDBY_INIT set"},
+    const struct {
+        const char* source;
+        uint32_t start;
+        const char* line;
+    } cases[] = {
+        {"nop\nhalt\n", 0, "pruss halt pru0 pc=0x0001 halt instruction"},
+        {"nop\nnop\n.word 0xA0000000\n", 0, "pruss halt pru0 pc=0x0002 illegal instruction"},
+        {".origin 0x1ffc\nnop\n", 0x7FF, "pruss halt pru0 pc=0x0800 fetch outside instruction RAM"},
+        {"ldi32 r1, 0x9e000000\nlbbo r2, r1, 0, 4\n", 0, "pruss halt pru0 pc=0x0002 DDR access with STANDBY_INIT set"},
     };
-    for (const HaltCase& c : cases) {
-        SCOPED_TRACE(c.what);
-        ASSERT_EQ("", sim::reset(scenario()));
-        std::vector<uint32_t> words = c.words;
-        if (std::string(c.what) == "outside")
-            reg(kIram[0] + 4 * 0x7FF) = kNop;
-        load(0, words);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.source);
+        fresh();
+        load(0, c.source, c.start);
         run_for(1000);
         EXPECT_THAT(vt::entries("halt"), testing::ElementsAre(c.line));
         EXPECT_EQ("halted", sim::get("pru0.state"));
+    }
+}
+
+/* The program's interrupt table: 17 PRU0->PRU1 (host 1), 19 PRU0->ARM
+ * (host 2), 21 ARM->PRU0 (host 0); and event 7, the IEP compare, on host 0
+ * as the firmware maps it. */
+const tpruss_intc_initdata kIntc = {
+    {7, 17, 18, 19, 20, 21, 22, -1},
+    {{7, 0}, {17, 1}, {18, 0}, {19, 2}, {20, 3}, {21, 0}, {22, 1}, {-1, -1}},
+    {{0, 0}, {1, 1}, {2, 2}, {3, 3}, {-1, -1}},
+    0xF,
+};
+
+class Events : public Pruss {
+protected:
+    void SetUp() override
+    {
+        Pruss::SetUp();
+        prussdrv_init();
+        ASSERT_EQ(0, prussdrv_open(PRU_EVTOUT_0));
+        ASSERT_EQ(0, prussdrv_pruintc_init(&kIntc));
+    }
+    void TearDown() override { prussdrv_exit(); }
+    /* PRU1 waits for event 17 from PRU0, then signals the host (19); PRU0
+     * waits for the host's event 21, marks its data RAM and raises 17. */
+    void start()
+    {
+        load(1, "wbs r31, 31\nldi r31.b0, 35\nhalt\n");
+        load(0, "wbs r31, 30\nldi r1, 0xAA\nsbbo r1, r0, 0, 4\nldi r31.b0, 33\nhalt\n");
+        run_for(100 * sim::kUs);
+    }
+    uint64_t interrupts() { return pruss().interrupts(0); }
+};
+
+TEST_F(Events, R31EventsReachTheOtherCoreAndTheHost)
+{
+    start();
+    EXPECT_EQ("waiting", sim::get("pru0.state"));
+    EXPECT_EQ("waiting", sim::get("pru1.state"));
+    EXPECT_EQ(0u, interrupts());
+    ASSERT_EQ(0, prussdrv_pru_send_event(21));
+    run_for(sim::kUs);
+    EXPECT_EQ(0xAAu, reg(0));
+    EXPECT_EQ("halted", sim::get("pru1.state"));
+    EXPECT_EQ(1u, interrupts());
+}
+
+TEST_F(Events, FaultsCutTheFirmwaresEvents)
+{
+    sim::set("pru.fault", "no-start");
+    start();
+    ASSERT_EQ(0, prussdrv_pru_send_event(21));
+    run_for(sim::kMs);
+    EXPECT_EQ(0u, reg(0));
+
+    sim::set("pru.fault", "no-signal");
+    ASSERT_EQ(0, prussdrv_pru_send_event(21));
+    run_for(sim::kMs);
+    EXPECT_EQ(0xAAu, reg(0));
+    EXPECT_EQ("halted", sim::get("pru1.state"));
+    EXPECT_EQ(0u, interrupts());
+}
+
+/* PRU0 paced by the IEP: CMP0 = (N - 1) * 5 gives a hit every N cycles,
+ * taken from R31 bit 30 and cleared in the INTC (the compare keeps its pace
+ * whether CMP_STATUS is cleared or not); it counts the hits in its data
+ * RAM. */
+TEST_F(Events, IepComparePacesTheCore)
+{
+    const uint32_t n = 1000;
+    load(0, "ldi r1, 0x551\nldi r2, 3\nldi r3, " + std::to_string((n - 1) * 5) +
+                "\nsbco r3, c26, 0x48, 4\nsbco r2, c26, 0x40, 4\nsbco r1, c26, 0, 4\n"
+                "hit: wbs r31, 30\nldi r4, 7\nsbco r4, c0, 0x24, 4\n"
+                "add r5, r5, 1\nsbco r5, c24, 0, 4\nqba hit\n");
+    run_for(10 * sim::kMs);
+    uint32_t before = reg(0);
+    EXPECT_NEAR(2000, before, 2);
+    run_for(10 * sim::kMs);
+    EXPECT_EQ(2000u, reg(0) - before);
+    /* Seven instructions per hit, not one per cycle. */
+    EXPECT_LT(std::stoul(sim::get("pru0.insns")), 8u * 4001);
+}
+
+/* no-stop: PRU0 stops once it has set out_state 1, until the fault goes. */
+TEST_F(Pruss, NoStopFreezesTheAcquiringCore)
+{
+    sim::set("pru.fault", "no-stop");
+    load(0, "ldi32 r2, 0x10000\nldi r1, 1\nsbbo r1, r2, 52, 4\n"
+            "count: add r3, r3, 1\nsbbo r3, r0, 0, 4\nqba count\n");
+    run_for(sim::kMs);
+    EXPECT_EQ(1u, reg(0x10000 + 52));
+    EXPECT_EQ(0u, reg(0));
+    sim::set("pru.fault", "none");
+    run_for(sim::kMs);
+    EXPECT_NE(0u, reg(0));
+}
+
+TEST_F(Pruss, AWaitForAPinCostsNoStepsUntilItChanges)
+{
+    load(1, "wbs r31, 0\nhalt\n");
+    run_for(sim::kUs);
+    uint64_t cycles = std::stoull(sim::get("pru1.cycles"));
+    run_for(sim::kSec);
+    EXPECT_EQ("waiting", sim::get("pru1.state"));
+    EXPECT_EQ("3", sim::get("pru1.insns")); /* one look at each advance of the board */
+    EXPECT_EQ(cycles + 200000000, std::stoull(sim::get("pru1.cycles")));
+}
+
+/* The channel on with a 20 kHz excitation over a flat workpiece, no noise. */
+class Pins : public Pruss {
+protected:
+    std::string scenario() const override
+    {
+        return Pruss::scenario() + "[meas]\npower = 1\n[sine]\ncontrol = 0\nfreq0 = 335544\n"
+                                   "[workpiece]\nprofile = 0:0\n[probe]\nnoise_raw = 0\n";
+    }
+    /* PRU0: one conversion (CONVST up and down, wait for BUSY to drop),
+     * the result to its data RAM. */
+    void convert()
+    {
+        load(0, "set r30, 0\nclr r30, 0\nwbc r31, 16\nmov r1, r31.w0\nsbbo r1, r0, 0, 4\nhalt\n");
+        run_for(10 * sim::kUs);
+    }
+};
+
+TEST_F(Pins, TheAdcConvertsTheProbeAtConvst)
+{
+    convert();
+    EXPECT_EQ(39830u, reg(0));
+    EXPECT_EQ("halted", sim::get("pru0.state"));
+    EXPECT_EQ("0x0005", sim::get("pru0.pc"));
+
+    /* A stalled ADC keeps BUSY up. */
+    sim::set("pru.fault", "stall");
+    reg(0) = 0;
+    convert();
+    EXPECT_EQ("waiting", sim::get("pru0.state"));
+    EXPECT_EQ(0u, reg(0));
+}
+
+/* PRU1 drives the reference `delay` cycles after each rising edge of the
+ * comparator (a 20 kHz period is 10000 cycles); the probe's signal follows
+ * the cosine of the phase error, largest at 8/32. */
+TEST_F(Pins, TheReferencePhaseScalesTheProbe)
+{
+    struct {
+        uint32_t delay_loops; /* of two NOPs */
+        const char* phase;
+        uint32_t raw;
+    } cases[] = {{1248, "8", 39830}, {625, "4", 28164}, {0, "0", 0}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.phase);
+        fresh();
+        load(1, "ldi r5, " + std::to_string(c.delay_loops) +
+                    "\nedge: wbc r31, 0\nwbs r31, 0\nloop late, r5.w0\nnop\nnop\nlate: set r30, 0\nclr r30, 0\n"
+                    "qba edge\n");
+        run_for(200 * sim::kUs);
+        EXPECT_EQ(c.phase, sim::get("meas.ref_phase"));
+        convert();
+        EXPECT_NEAR(c.raw, reg(0), 1);
     }
 }
 

@@ -157,11 +157,12 @@ TEST(Pruasm, LaysOutAProgram)
         .equ    COUNT, LIMIT / 2     ; defined later, evaluated on use
         .equ    LIMIT, 8
         .data
-        .word   0x11223344, end - start
+        .word   0x11223344, end - HERE
         .byte   -1, COUNT
 table:  .word   table
         .text
         .origin 0x100
+        .equ    HERE, .
         .entry  start
 start:  qba     skip                 /* forward */
 back:   loop    end, COUNT
@@ -206,6 +207,9 @@ TEST(Pruasm, ReportsEveryErrorWithItsLine)
         {"qba .+2048", "t.asm:1: branch offset 512 words out of range -512..511"},
         {"qba .-2052", "t.asm:1: branch offset -513 words out of range"},
         {"qba .+2", "t.asm:1: branch target 0x2 is not a word address"},
+        {"jmp 6", "t.asm:1: jump target 0x6 is not a word address"},
+        {"jmp 0x40000", "t.asm:1: jump target 262144 out of range 0..262140"},
+        {"ldi r1, 0b102", "t.asm:1: bad number '0b102'"},
         {"loop e, 4\ne:", "t.asm:1: loop end 1 words after the loop"},
         {"loop e, 4\n.org 1024\ne:", "t.asm:1: loop end 256 words after the loop, at most 255"},
         {"loop e, 257\nnop\ne:", "t.asm:1: loop count 257 out of range 1..256"},
@@ -220,9 +224,10 @@ TEST(Pruasm, ReportsEveryErrorWithItsLine)
         {"add r1, r1", "t.asm:1: 'add' takes 3 operands, not 2"},
         {"x: nop\nx: nop", "t.asm:2: symbol 'x' already defined on line 1"},
         {"r5: nop", "t.asm:1: 'r5' is a register name"},
+        {".equ 5a, 3", "t.asm:1: '5a' is not a symbol name"},
         {".equ a, b\n.equ b, a\nldi r1, a", "t.asm:3: symbol 'a' is defined in terms of itself"},
         {".org 8\n.org 4", "t.asm:2: '.org' 0x4 moves backwards"},
-        {".org 8192\nnop", "t.asm:2: code beyond the 8192-byte image"},
+        {".org 8188\nnop\nnop", "t.asm:3: code beyond the 8192-byte image"},
         {".data\n.org 8191\n.word 1", "t.asm:3: data beyond the 8192-byte image"},
         {".data\nnop", "t.asm:2: instruction 'nop' in .data"},
         {"nop /* open", "t.asm:1: '/*' comment not closed"},
@@ -238,7 +243,7 @@ TEST(Pruasm, ReportsEveryErrorWithItsLine)
     }
 
     /* One run names every faulty line, in order. */
-    pruasm::Output out = pruasm::assemble("frob\nnop\nadd r1, r1, 300\nqba nowhere\n", "f.asm");
+    pruasm::Output out = pruasm::assemble("add r1, r1, 300\nnop\nfrob\nqba nowhere\n", "f.asm");
     ASSERT_EQ(3u, out.errors.size());
     EXPECT_EQ(0u, out.errors[0].find("f.asm:1:"));
     EXPECT_EQ(0u, out.errors[1].find("f.asm:3:"));

@@ -66,7 +66,7 @@ protected:
         state.w_ov_min = 0;
         state.w_ov_max = 65535;
         state.f = 20000;
-        state.phase = 8; /* the demodulator's best, as the server starts */
+        state.phase = 8; /* the server's default: the reference where the probe's signal is largest */
         ASSERT_EQ(0, am335x_adc_init(&state.adchnd));
         state.fdvganf = vela_motor_vganf_init();
         ASSERT_GE(state.fdvganf, 0);

@@ -37,13 +37,19 @@ std::string_view trim(std::string_view s)
     return s;
 }
 
+bool all_digits(std::string_view s)
+{
+    return std::all_of(s.begin(), s.end(), [](char c) { return std::isdigit(static_cast<unsigned char>(c)); });
+}
+
 bool ident_start(char c) { return std::isalpha(static_cast<unsigned char>(c)) || c == '_' || c == '.'; }
 bool ident_char(char c) { return std::isalnum(static_cast<unsigned char>(c)) || c == '_' || c == '.'; }
 
 std::string hex(int64_t v)
 {
     char b[24];
-    std::snprintf(b, sizeof b, "%s0x%llx", v < 0 ? "-" : "", static_cast<unsigned long long>(v < 0 ? -v : v));
+    uint64_t mag = v < 0 ? 0 - static_cast<uint64_t>(v) : static_cast<uint64_t>(v);
+    std::snprintf(b, sizeof b, "%s0x%llx", v < 0 ? "-" : "", static_cast<unsigned long long>(mag));
     return b;
 }
 
@@ -67,8 +73,7 @@ bool register_shaped(std::string_view s)
     std::string base = l.substr(0, l.find('.'));
     if (base == "sp" || base == "ra" || base == "fp")
         return true;
-    return base.size() >= 2 && base[0] == 'r' &&
-           std::all_of(base.begin() + 1, base.end(), [](char c) { return std::isdigit(static_cast<unsigned char>(c)); });
+    return base.size() >= 2 && base[0] == 'r' && all_digits(base.substr(1));
 }
 
 std::optional<Reg> parse_reg(std::string_view text)
@@ -120,7 +125,7 @@ public:
         int64_t v = binary(0);
         skip();
         if (pos_ != s_.size())
-            throw Error{"unexpected '" + std::string(s_.substr(pos_)) + "' in expression '" + std::string(trim(s_)) + "'"};
+            throw unexpected();
         return v;
     }
 
@@ -162,16 +167,21 @@ private:
         }
     }
 
+    /* Arithmetic wraps at 64 bits rather than overflowing; range checks of
+     * the operands catch what does not fit. */
     static int64_t apply(std::string_view op, int64_t a, int64_t b)
     {
+        uint64_t ua = static_cast<uint64_t>(a), ub = static_cast<uint64_t>(b);
         if (op == "|") return a | b;
         if (op == "^") return a ^ b;
         if (op == "&") return a & b;
-        if (op == "+") return a + b;
-        if (op == "-") return a - b;
-        if (op == "*") return a * b;
+        if (op == "+") return static_cast<int64_t>(ua + ub);
+        if (op == "-") return static_cast<int64_t>(ua - ub);
+        if (op == "*") return static_cast<int64_t>(ua * ub);
         if ((op == "/" || op == "%") && b == 0)
             throw Error{"division by zero"};
+        if ((op == "/" || op == "%") && b == -1)
+            return op == "/" ? static_cast<int64_t>(0 - ua) : 0;
         if (op == "/") return a / b;
         if (op == "%") return a % b;
         if (b < 0 || b > 63)
@@ -182,7 +192,7 @@ private:
     int64_t unary()
     {
         if (take("-"))
-            return -unary();
+            return static_cast<int64_t>(0 - static_cast<uint64_t>(unary()));
         if (take("~"))
             return ~unary();
         if (take("+"))
@@ -192,8 +202,14 @@ private:
 
     int64_t primary();
 
+    Error unexpected() const
+    {
+        return Error{"unexpected '" + std::string(s_.substr(pos_)) + "' in expression '" + std::string(trim(s_)) + "'"};
+    }
+
     std::string_view s_;
     size_t pos_ = 0;
+    int depth_ = 0;
     const Assembler& as_;
     int64_t dot_;
 };
@@ -301,7 +317,10 @@ int64_t Expr::primary()
 {
     skip();
     if (take("(")) {
+        if (++depth_ > 64)
+            throw Error{"expression nested too deeply"};
         int64_t v = binary(0);
+        --depth_;
         if (!take(")"))
             throw Error{"missing ')' in '" + std::string(trim(s_)) + "'"};
         return v;
@@ -341,7 +360,7 @@ int64_t Expr::primary()
             throw Error{"register '" + name + "' where a value is expected"};
         return as_.symbol(name);
     }
-    throw Error{"unexpected '" + std::string(s_.substr(pos_)) + "' in expression '" + std::string(trim(s_)) + "'"};
+    throw unexpected();
 }
 
 int64_t Assembler::symbol(const std::string& name) const
@@ -425,7 +444,9 @@ std::vector<std::string> split_args(std::string_view s)
 
 void Assembler::define(const std::string& name, Symbol sym)
 {
-    if (name == "." || register_shaped(name))
+    if (name.empty() || !ident_start(name[0]) || !std::all_of(name.begin(), name.end(), ident_char) || name == ".")
+        throw Error{"'" + name + "' is not a symbol name"};
+    if (register_shaped(name))
         throw Error{"'" + name + "' is a register name and cannot be a symbol"};
     auto [it, fresh] = symbols_.emplace(name, std::move(sym));
     if (!fresh)
@@ -446,7 +467,12 @@ void Assembler::first_pass(size_t line, std::string_view raw)
         std::string_view after = trim(rest.substr(n));
         if (after.empty() || after[0] != ':')
             break;
-        define(std::string(rest.substr(0, n)), Symbol{line, true, counter_[section_], "", 0});
+        /* a bad label still lets the rest of the line take its place */
+        try {
+            define(std::string(rest.substr(0, n)), Symbol{line, true, counter_[section_], "", 0});
+        } catch (const Error& e) {
+            error(line, e.msg);
+        }
         rest = trim(after.substr(1));
     }
     if (rest.empty())
@@ -700,8 +726,9 @@ void Assembler::encode(Stmt& st)
         if (d > 255)
             throw Error{"loop end " + std::to_string(d) + " words after the loop, at most 255"};
         /* a register count, or an immediate 1..256 stored as count - 1 */
-        uint32_t count = parse_reg(a[1]) ? src2(a[1], 0, "")
-                                         : 1u << 24 | static_cast<uint32_t>(imm(a[1], 1, 256, "loop count", dot) - 1) << 16;
+        uint32_t count = parse_reg(a[1])
+                             ? src2(a[1], 0, "")
+                             : 1u << 24 | static_cast<uint32_t>(imm(a[1], 1, 256, "loop count", dot) - 1) << 16;
         emit(op.bits | count | static_cast<uint32_t>(d));
         break;
     }
@@ -731,8 +758,7 @@ void Assembler::encode(Stmt& st)
             base = b.num;
         } else { /* xBCO: constant table entry, cN or a number */
             std::string c = lower(trim(a[1]));
-            bool named = c.size() >= 2 && c[0] == 'c' &&
-                         std::all_of(c.begin() + 1, c.end(), [](char ch) { return std::isdigit(static_cast<unsigned char>(ch)); });
+            bool named = c.size() >= 2 && c[0] == 'c' && all_digits(c.substr(1));
             base = static_cast<uint32_t>(imm(named ? c.substr(1) : a[1], 0, 31, "constant table entry", dot));
         }
         uint32_t len = length(a[3]);

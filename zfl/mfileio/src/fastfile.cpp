@@ -4,6 +4,8 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <cctype>
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -64,20 +66,36 @@ bool write_sync_close(int fd, const char* name, const void* data, size_t size, b
     return true;
 }
 
-/* Temporary file in the target's folder, synced, then renamed over the
- * target: readers see the old or the new file, never a part. The temporary
- * file never outlives a failure. */
+/* The temporary file of an atomic save is named after its target, so that
+ * the leftover of a save the power cut short is known for what it is. */
+const char kTempSuffix[] = ".XXXXXX";
+
+bool is_temporary_of(const char* entry, const std::string& base)
+{
+    size_t random = sizeof kTempSuffix - 2; /* the X's */
+    if (strlen(entry) != base.size() + 1 + random || base.compare(0, base.size(), entry, base.size()) != 0 ||
+        entry[base.size()] != '.')
+        return false;
+    for (const char* p = entry + base.size() + 1; *p != '\0'; p++) {
+        if (!isalnum(static_cast<unsigned char>(*p)))
+            return false;
+    }
+    return true;
+}
+
+/* Temporary file beside the target, synced, then renamed over the target:
+ * readers see the old or the new file, never a part. The temporary file
+ * never outlives a failure. */
 int write_atomic(const char* name, const void* data, size_t size)
 {
-    std::string folder;
-    file_path(name, &folder);
-    char* tmpname = static_cast<char*>(malloc(folder.size() + sizeof "XXXXXX"));
+    size_t len = strlen(name);
+    char* tmpname = static_cast<char*>(malloc(len + sizeof kTempSuffix));
     if (tmpname == nullptr) {
         MERRTRACE("MFastFile_WriteAtOnce(): malloc() failed");
         return -1;
     }
-    memcpy(tmpname, folder.data(), folder.size());
-    memcpy(tmpname + folder.size(), "XXXXXX", sizeof "XXXXXX");
+    memcpy(tmpname, name, len);
+    memcpy(tmpname + len, kTempSuffix, sizeof kTempSuffix);
 
     int fd = mkostemp(tmpname, O_CLOEXEC);
     if (fd < 0) {
@@ -703,4 +721,27 @@ bool MFastFile_CopyFile(const char* source, const char* target, int mode)
     }
     free(data);
     return ok;
+}
+
+int MFastFile_RemoveTemporaryFiles(const char* name)
+{
+    std::string folder;
+    file_path(name, &folder);
+    std::string base = name != nullptr ? name + folder.size() : "";
+    if (base.empty()) {
+        MERRTRACE("MFastFile_RemoveTemporaryFiles(): no file name");
+        return -1;
+    }
+    DIR* dir = opendir(folder.empty() ? "." : folder.c_str());
+    if (dir == nullptr) {
+        MERRTRACE("MFastFile_RemoveTemporaryFiles(): opendir(\"%s\") failed: %s", folder.c_str(), strerror(errno));
+        return -1;
+    }
+    int removed = 0;
+    while (const struct dirent* e = readdir(dir)) {
+        if (is_temporary_of(e->d_name, base) && file_remove((folder + e->d_name).c_str()))
+            removed++;
+    }
+    closedir(dir);
+    return removed;
 }

@@ -5,7 +5,7 @@
  * ends (files come from instruments, PCs and editors alike). MFastFileWriter
  * buffers small writes. The MFastFile_* functions read or write a whole file
  * in one call; mode 10 replaces a file atomically through a temporary file in
- * the same folder, so that a reader never sees half a file.
+ * the same folder (<name>.XXXXXX), so that a reader never sees half a file.
  *
  * Nothing throws: failures return false or -1 and leave a line in the error
  * trace; constructors and destructors dump the trace to the error log.
@@ -129,5 +129,9 @@ int MFastFile_WriteAtOnce(const char* name, const void* data, unsigned int size,
 int MFastFile_WriteLinesAtOnce(const char* name, const void* data, unsigned int size, int mode);
 int MFastFile_WriteLinesAtOnce(const char* name, const std::string& text, int mode);
 bool MFastFile_CopyFile(const char* source, const char* target, int mode);
+/* Removes what atomic saves of name left behind when they were cut short
+ * (its temporary files beside it); the number removed, -1 when the folder
+ * cannot be read. */
+int MFastFile_RemoveTemporaryFiles(const char* name);
 
 #endif

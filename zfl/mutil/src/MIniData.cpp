@@ -61,6 +61,11 @@ int MIniData_HasNoFile(MINIDATA_HANDLE h)
     return h != nullptr && doc(h)->HasNoFile();
 }
 
+int MIniData_ReadFailed(MINIDATA_HANDLE h)
+{
+    return h != nullptr && doc(h)->ReadFailed();
+}
+
 int MIniData_Reload(MINIDATA_HANDLE h)
 {
     return h != nullptr && doc(h)->Reload();
@@ -148,6 +153,24 @@ int MIniData_SetLongEntry(MINIDATA_HANDLE h, const char* section, const char* en
 int MIniData_SetStringEntry(MINIDATA_HANDLE h, const char* section, const char* entry, const char* value)
 {
     return h != nullptr && names_ok(section, entry, value) && doc(h)->SetStringEntry(section, entry, value);
+}
+
+int MIniData_ApplyChanges(MINIDATA_HANDLE h, MINIDATA_HANDLE base, MINIDATA_HANDLE changed)
+{
+    if (h == nullptr || base == nullptr || changed == nullptr)
+        return 0;
+    for (const std::string& section : doc(changed)->GetSectionNames()) {
+        for (const std::string& entry : doc(changed)->GetEntryNames(section)) {
+            std::string now, before;
+            if (!doc(changed)->GetStringEntry(section, entry, &now))
+                return 0;
+            if (doc(base)->GetStringEntry(section, entry, &before) && before == now)
+                continue;
+            if (!doc(h)->SetStringEntry(section, entry, now))
+                return 0;
+        }
+    }
+    return 1;
 }
 
 int MIniData_DeleteSection(MINIDATA_HANDLE h, const char* section)

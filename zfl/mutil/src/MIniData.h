@@ -32,6 +32,9 @@ int MIniData_Open(MINIDATA_HANDLE h, const char* filename);
 int MIniData_Close(MINIDATA_HANDLE h);
 int MIniData_IsOpen(MINIDATA_HANDLE h);
 int MIniData_HasNoFile(MINIDATA_HANDLE h);
+/* 1 when the last open found the file but could not read it (an I/O error,
+ * not its content). */
+int MIniData_ReadFailed(MINIDATA_HANDLE h);
 int MIniData_Reload(MINIDATA_HANDLE h);
 int MIniData_Save(MINIDATA_HANDLE h);
 
@@ -55,6 +58,10 @@ int MIniData_GetStringEntry(MINIDATA_HANDLE h, const char* section, const char* 
 int MIniData_SetDoubleEntry(MINIDATA_HANDLE h, const char* section, const char* entry, double value);
 int MIniData_SetLongEntry(MINIDATA_HANDLE h, const char* section, const char* entry, long value);
 int MIniData_SetStringEntry(MINIDATA_HANDLE h, const char* section, const char* entry, const char* value);
+
+/* Sets in h every entry of changed that base lacks or holds with another
+ * value: what was changed in a copy of base, carried over to h. */
+int MIniData_ApplyChanges(MINIDATA_HANDLE h, MINIDATA_HANDLE base, MINIDATA_HANDLE changed);
 
 int MIniData_DeleteSection(MINIDATA_HANDLE h, const char* section);
 int MIniData_DeleteEntry(MINIDATA_HANDLE h, const char* section, const char* entry);

@@ -64,6 +64,26 @@ inline std::string entry_name(const std::string& line, size_t first, size_t eq)
     return strip_trailing_blanks(line.substr(first, eq - first));
 }
 
+/* A reader that remembers a failed read, also the one that IsEOF() takes
+ * for the end of the file: a document must never be taken as whole when
+ * the medium failed under it. */
+class CheckedReader : public MFastFileReader {
+public:
+    bool Failed() const { return m_failed; }
+
+protected:
+    bool fill_buffer() override
+    {
+        if (MFastFileReader::fill_buffer())
+            return true;
+        m_failed = true;
+        return false;
+    }
+
+private:
+    bool m_failed = false;
+};
+
 } // namespace minidata_detail
 
 /* One line of the file, without its line end. */
@@ -322,14 +342,16 @@ public:
             MERRTRACE("MIniData::Open(): Close() failed");
             return false;
         }
+        m_readFailed = false;
         if (!file_exists(filename)) {
             m_hasNoFile = true;
             m_isSaved = false;
             return set_open(filename);
         }
         m_hasNoFile = false;
-        MFastFileReader reader;
+        minidata_detail::CheckedReader reader;
         if (!reader.Open(filename)) {
+            m_readFailed = true;
             MERRTRACE("MIniData::Open(): MFastFileReader::Open() failed");
             return false;
         }
@@ -338,6 +360,8 @@ public:
         bool first = true;
         while (!reader.IsEOF()) {
             if (!reader.ReadLine(line)) {
+                m_readFailed = true;
+                drop_all();
                 MERRTRACE("MIniData::Open(): MFastFileReader::ReadLine() failed");
                 return false;
             }
@@ -359,6 +383,12 @@ public:
                 MERRTRACE("MIniData::Open(): parse_line(%.60s) failed", line.c_str());
                 return false;
             }
+        }
+        if (reader.Failed()) {
+            m_readFailed = true;
+            drop_all(); /* maybe a part: not to be taken for the file */
+            MERRTRACE("MIniData::Open(\"%.80s\"): read error", filename);
+            return false;
         }
         m_isSaved = true;
         return set_open(filename);
@@ -406,6 +436,9 @@ public:
 
     bool IsOpen() const { return m_isOpen; }
     bool HasNoFile() const { return m_hasNoFile; }
+    /* The last Open found the file but could not read it (the medium, not
+     * the content): the document has nothing of it. */
+    bool ReadFailed() const { return m_readFailed; }
     bool IsSaved() const { return m_isSaved; }
     const std::string& GetFilename() const { return m_filename; }
 
@@ -634,6 +667,7 @@ private:
         }
         m_isOpen = other.m_isOpen;
         m_hasNoFile = other.m_hasNoFile;
+        m_readFailed = other.m_readFailed;
         m_isSaved = other.m_isSaved;
     }
 
@@ -818,6 +852,7 @@ private:
 
     bool m_isOpen = false;
     bool m_hasNoFile = true;
+    bool m_readFailed = false;
     bool m_isSaved = false;
     std::string m_filename;
     int m_flags = 0;
