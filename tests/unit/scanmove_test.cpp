@@ -415,7 +415,7 @@ TEST_F(ScanMove, FirmwareFailures)
     EXPECT_THAT(rest, ElementsAre("7 error timeout", MatchesRegex("7 ready 3\\.1[0-9][0-9]")));
     EXPECT_GE(got.size(), 900u);
     EXPECT_LE(got.size(), 1100u);
-    EXPECT_EQ(3u, state.meas_cycles);
+    EXPECT_EQ(2u, state.meas_cycles);
     sim::set("pru.fault", "none");
 }
 
