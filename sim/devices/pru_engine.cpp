@@ -104,7 +104,7 @@ PruEngine::PruEngine(Pruss& pruss, Board& board, Probe& probe, MeasChannel& meas
 
 void PruEngine::reset()
 {
-    selected_ = false;
+    selected_ = true;
     core0_.clear();
     core1_.clear();
     std::fill(std::begin(scratch_), std::end(scratch_), 0u);
