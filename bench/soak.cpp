@@ -621,7 +621,7 @@ void scan(Client& c, double speed, bool by_time, double amount)
     double value = strtod(strchr(arg, '=') + 1, nullptr);
     int sps = static_cast<int>(std::rint(speed / 0.0005));
     double length = by_time ? speed * value : value;
-    int asked = static_cast<int>(sps * (length / speed)) & ~1; /* whole pairs */
+    int asked = static_cast<int>(sps * (length / speed));
     std::vector<std::string> lines = c.request(std::string("scan ") + arg, 120000);
     long got = 0, bad = 0, odd = 0;
     bool error = lines.empty();

@@ -15,6 +15,7 @@
 #include "mtrace.h"
 #include "nv.h"
 #include "power.h"
+#include "scanmove.h"
 
 /* Room for a get handler's number in tbuffer. */
 #define PSTATE_VALUE_MAX 16
@@ -74,38 +75,48 @@ int cb_pstate_set(struct client_s* client, const char* value)
     }
 }
 
-/* Drive stopped, channel powered, generator and potentiometer set, and the
- * idle acquisition that keeps the live reading current. Only the
- * potentiometer's result counts. */
-static int enter_meas(void)
-{
-    vela_motor_power_ctrl(1);
-    vela_motor_dac_write(2082);
-    vela_meas_power_ctrl(1);
-    vela_sine_setup_ex(state.f);
-    int ret = vela_meas_poti_write(192);
-    if (ret != 0)
-        MTRACE(2, "vela_meas_poti_write failed! (poti removed due to hardware revision?)");
-    /* Without its mappings the engine cannot be started (nor stopped later).
-     * Firmware that never answers must not stop the server. */
-    aquisition_set_firmware_wait(1000000);
-    if (aquisition_init(&state.pruss_info, state.phase) == 0)
-        aquisition_start(&state.pruss_info, 1, 2000, 0, 65535, 1, 6, state.skip_samples, 0);
-    else
-        memset(&state.pruss_info, 0, sizeof state.pruss_info);
-    return ret;
-}
-
 static void leave_meas(void)
 {
     if (state.pruss_info.comm != NULL) {
         aquisition_stop(&state.pruss_info);
         aquisition_shutdown(&state.pruss_info);
-        /* The mappings die with the driver; init makes new ones. */
-        memset(&state.pruss_info, 0, sizeof state.pruss_info);
     }
+    /* The mappings die with the driver (or never came); init makes new ones. */
+    memset(&state.pruss_info, 0, sizeof state.pruss_info);
     vela_motor_power_ctrl(0);
     vela_meas_power_ctrl(0);
+}
+
+/* Drive stopped, channel powered, generator and potentiometer set, and the
+ * idle acquisition that keeps the live reading current. A failing
+ * potentiometer is only traced. Firmware that does not answer is reported:
+ * meas without its engine would have neither live readings nor scans, nor
+ * a way to stop an acquisition. Either way what was switched on goes off
+ * again, so that ready keeps the drive and the channel unpowered. */
+static int enter_meas(struct client_s* client)
+{
+    vela_motor_power_ctrl(1);
+    vela_motor_dac_write(DAC_STANDSTILL);
+    vela_meas_power_ctrl(1);
+    vela_sine_setup_ex(state.f);
+    int ret = vela_meas_poti_write(192);
+    if (ret != 0) {
+        MTRACE(2, "vela_meas_poti_write failed! (poti removed due to hardware revision?)");
+    } else {
+        /* Firmware that never answers must not stop the server. */
+        aquisition_set_firmware_wait(1000000);
+        if (aquisition_init(&state.pruss_info, state.phase) != 0)
+            ret = -1;
+        else
+            ret = aquisition_start(&state.pruss_info, 1, 2000, 0, 65535, 1, 6, state.skip_samples, 0);
+        if (ret != 0) {
+            MTRACE(2, "enter_meas(): the acquisition engine does not answer (%d)", ret);
+            remote_error(client, msg.err_action_failed);
+        }
+    }
+    if (ret != 0)
+        leave_meas();
+    return ret;
 }
 
 int pstate_switch(struct client_s* client, int curr_pstate, int new_pstate)
@@ -173,7 +184,7 @@ int pstate_switch(struct client_s* client, int curr_pstate, int new_pstate)
             allowed = 0;
             break;
         }
-        ret = enter_meas();
+        ret = enter_meas(client);
         break;
     default:
         allowed = 0;

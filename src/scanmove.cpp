@@ -18,11 +18,16 @@
 #include "nv.h"
 #include "velatool.h"
 
-#define DAC_STANDSTILL 2082
 #define SCAN_TICK_MS 100
+/* Time allowed for the first samples of a scan, beyond the discarded ones. */
+#define SCAN_DATA_WAIT_MS 500
+/* Beyond any scan's travel time: keeps the budget within an int. */
+#define SKIP_TIME_MAX_MS 1000000000LL
 
 /* The "OF MINUS" warning went out in this scan. */
 static int of_min_reported;
+/* The samples this scan asked the firmware for. */
+static int scan_samples;
 
 /* A monotonic, non-blocking timer armed with first expiry and interval in
  * ms (interval 0: once); -1 if it cannot be made. */
@@ -104,17 +109,20 @@ static int scanmove_may_start(struct client_s* client)
     return 0;
 }
 
+/* How long the firmware takes for the samples it discards before the first
+ * one it keeps, ms. At the slowest speeds this is longer than the wait for
+ * the first data, so both time-outs start after it. */
+static int skip_time_ms(int sps)
+{
+    long long ms = ((long long)state.skip_samples * 1000 + sps - 1) / sps;
+    return (int)(ms < SKIP_TIME_MAX_MS ? ms : SKIP_TIME_MAX_MS);
+}
+
 int cb_scan(struct client_s* client, int argc, char** argv)
 {
     MTRACE(3, "cb_scan()");
     if (scanmove_may_start(client) != 0)
         return -1;
-    /* meas without its acquisition engine (the PRUs could not be started):
-     * nothing to scan with, as for the live readings */
-    if (state.pruss_info.comm == NULL) {
-        remote_error(client, msg.invalid_pstate);
-        return -1;
-    }
     const char* eq = argc == 2 ? strchr(argv[1], '=') : NULL;
     if (eq == NULL) {
         remote_error(client, msg.syntax_invalid);
@@ -149,6 +157,15 @@ int cb_scan(struct client_s* client, int argc, char** argv)
     }
     MTRACE(4, "cb_scan(): Measure at %1.2fmm/s for %d ms\n", state.speed, tt_ms);
 
+    /* A scan the sample buffer cannot hold is refused before the drive
+     * moves. */
+    int i_sps = (int)rint(state.speed / 0.0005);
+    int i_samples = 0;
+    if (aquisition_x_to_samples(&state.pruss_info, d_lt, state.speed, i_sps, &i_samples) != 0) {
+        remote_error(client, msg.value_out_of_range);
+        return -1;
+    }
+
     if (travel) {
         uint16_t dac = (uint16_t)(unsigned int)(state.x_corr * 890.0 * state.speed + 2082.0);
         MTRACE(4, "cb_scan(): DAC: %04x", dac);
@@ -158,9 +175,6 @@ int cb_scan(struct client_s* client, int argc, char** argv)
         }
     }
 
-    int i_sps = (int)rint(state.speed / 0.0005);
-    int i_samples = 0;
-    aquisition_x_to_samples(&state.pruss_info, d_lt, state.speed, i_sps, &i_samples);
     MTRACE(4, "cb_scan(): starting aquisition for %d samples with %d samples/s", i_samples, i_sps);
     aquisition_stop(&state.pruss_info);
     aquisition_start(&state.pruss_info, i_samples, i_sps, state.w_ov_min, state.w_ov_max, 1, 6, state.skip_samples,
@@ -168,6 +182,7 @@ int cb_scan(struct client_s* client, int argc, char** argv)
 
     state.scan_lastcount = 0;
     of_min_reported = 0;
+    scan_samples = i_samples;
 
     state.fdscanmovetimer = scanmove_timer(SCAN_TICK_MS, SCAN_TICK_MS);
     if (state.fdscanmovetimer < 0) {
@@ -179,8 +194,9 @@ int cb_scan(struct client_s* client, int argc, char** argv)
         remote_error(client, msg.err_error);
         return -1;
     }
-    state.scantimeout = tt_ms + 1000;
-    state.scandatatimeout = 500;
+    int skip_ms = skip_time_ms(i_sps);
+    state.scantimeout = tt_ms + skip_ms + 1000;
+    state.scandatatimeout = skip_ms + SCAN_DATA_WAIT_MS;
     state.scanmove_id = client->current_id;
     state.scanmove_action = 2;
     state.scanmove_client = client;
@@ -227,8 +243,12 @@ int do_scan(void)
         return -22;
 
     volatile struct prucomm_s* comm = state.pruss_info.comm;
-    int current_count = (int)(comm->out_count & ~1u);
+    /* The state before the count: once the scan's acquisition has finished
+     * with all its samples, the last of an odd count is written too. Until
+     * then (and for a count left from another acquisition) only whole
+     * pairs are taken. */
     int current_state = (int)comm->out_state;
+    int current_count = (int)comm->out_count;
     uint32_t error = comm->out_error;
     MTRACE(3,
            "do_scan(): count: %d, last: 0x%04x, min: 0x%04x @ %d, max: 0x%04x @ %d, of_mincount: %d, error: %d, "
@@ -236,8 +256,10 @@ int do_scan(void)
            current_count, comm->out_lastsample, comm->out_min, comm->out_minpos, comm->out_max, comm->out_maxpos,
            comm->out_of_mincount, error, current_state);
     /* Never past the buffer, whatever the count says. */
-    if (current_count > (state.pruss_info.max_samples & ~1))
-        current_count = state.pruss_info.max_samples & ~1;
+    if (current_count < 0 || current_count > state.pruss_info.max_samples)
+        current_count = state.pruss_info.max_samples;
+    if (current_state != 0 || current_count != scan_samples)
+        current_count &= ~1;
 
     int failed = 0;
     if (error == 2) {

@@ -8,6 +8,9 @@
 
 #include "remote.h"
 
+/* The motor DAC value at which the drive stands still. */
+#define DAC_STANDSTILL 2082
+
 /* Command handlers: 1 when the operation goes on, else finished. */
 int cb_scan(struct client_s* client, int argc, char** argv);
 int cb_move(struct client_s* client, int argc, char** argv);

@@ -557,6 +557,11 @@ int remotecontrol(int port)
     if (vela_cpufreq_set(1) != 0)
         MTRACE(2, "Switching to high cpu frequency mode failed");
 
+    /* Ready has the drive stopped and unpowered; a server that died during
+     * a move would otherwise leave it running against its end stop. */
+    vela_motor_dac_write(DAC_STANDSTILL);
+    vela_motor_power_ctrl(0);
+
     state.run = 1;
     while (state.run) {
         build_select_list();

@@ -53,7 +53,9 @@ bool ServerUnderTest::start(const std::vector<std::string>& args, int port)
             return false;
         if (probe.connect(port_, 50)) {
             probe.close();
-            return true;
+            /* Listening, the server stops the drive before its loop: the
+             * DAC's settling pause needs board time in step mode. */
+            return clock_ != "step" || advance("10ms");
         }
     }
     return false;

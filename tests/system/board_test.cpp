@@ -73,7 +73,13 @@ TEST(Launcher, CtlGivesUpOnABoardThatDoesNotAnswer)
     std::string dir = tmp.file("board");
     vt::ChildProcess stopped;
     ASSERT_TRUE(stopped.start(under_board(dir, {"/bin/sh", "-c", "kill -STOP $$"})));
-    ASSERT_TRUE(vt::eventually([&] { return vt::file_exists(dir + "/control.sock"); }));
+    /* Stopped, which is after the board listens (the socket file alone
+     * appears at bind, before the listen). */
+    ASSERT_TRUE(vt::eventually([&] {
+        std::string stat = vt::read_file("/proc/" + std::to_string(stopped.pid()) + "/stat");
+        size_t end = stat.rfind(')');
+        return end != std::string::npos && stat.compare(end + 2, 1, "T") == 0;
+    }));
     vt::ProcessResult r = vt::run_process({VELASIM_PATH, "ctl", "--dir", dir, "--timeout", "0.3", "state"});
     EXPECT_EQ(2, r.status);
     EXPECT_THAT(r.err, HasSubstr("did not answer within 300 ms"));

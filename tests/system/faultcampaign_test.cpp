@@ -10,6 +10,7 @@
 #include <regex>
 #include <sstream>
 #include <string>
+#include <sys/socket.h>
 #include <vector>
 
 #include "boardctl.h"
@@ -20,7 +21,8 @@ namespace {
 struct Row {
     const char* fault;  /* control commands, ';' between them */
     const char* state;  /* where the session stands: "ready" or "meas" */
-    const char* step;   /* the request it hits; "idle" is 30 s of housekeeping */
+    const char* step;   /* the request it hits; "idle" is 30 s of housekeeping, "abort:R"
+                           sends R and an abort at once, "drop:R" sends R and hangs up */
     const char* expect; /* regex over what the client saw: ids dropped, " | " between lines,
                            " || " between steps; "" is nothing but the ack and ready lines */
 };
@@ -79,13 +81,21 @@ const Row kTable[] = {
     /* suspend and its wake-up alarm */
     {"fault /dev/rtc0 ioctl:RTC_WKALM_SET EIO always", "ready", "set pstate=eco;set pstate=suspend;get pstate", " \\|\\|  \\|\\| data 3"},
     {"fault /sys/power/state write EIO always", "ready", "set pstate=eco;set pstate=suspend;get pstate", " \\|\\| event: resumed \\|\\| data 2"},
-    /* the PRUs: no subsystem, firmware that never starts or stops answering */
-    {"absent /dev/uio0", "ready", "set pstate=meas;get pstate;scan x=0.1;get w", " \\|\\| data 5 \\|\\| error invalid pstate \\|\\| error invalid pstate"},
-    {"fault /dev/uio0 open EIO always", "ready", "set pstate=meas;scan x=0.1", " \\|\\| error invalid pstate"},
-    {"set pru.fault no-signal", "ready", "set pstate=meas;get pstate;scan x=0.1", " \\|\\| data 5 \\|\\| error invalid pstate"},
-    {"set pru.fault no-start", "meas", "scan x=0.1", ""},
-    {"set pru.fault stall", "meas", "scan x=0.1", "error timeout no data"},
-    {"set pru.fault no-stop", "meas", "scan x=0.1", "error timeout no data"},
+    /* the PRUs: no subsystem, or firmware that never starts, ignores
+     * requests or stops answering. Meas is refused without a working engine;
+     * with one that fails later, moves, aborts and lost connections still
+     * end cleanly (a move afterwards finds nothing running). */
+#define NO_ENGINE_STEPS "set pstate=meas;get pstate;scan x=0.1;move x=0;abort:move x=0;drop:scan x=1;get w;set pstate=ready"
+#define NO_ENGINE_SAW "error action failed \\|\\| data 4 \\|\\| error invalid pstate \\|\\| error invalid pstate \\|\\| " \
+    "error invalid pstate \\| ready \\|\\|  \\|\\| error invalid pstate \\|\\| "
+    {"set drive.position_mm 2;absent /dev/uio0", "ready", NO_ENGINE_STEPS, NO_ENGINE_SAW},
+    {"set drive.position_mm 2;fault /dev/uio0 open EIO always", "ready", NO_ENGINE_STEPS, NO_ENGINE_SAW},
+    {"set drive.position_mm 2;set pru.fault no-signal", "ready", NO_ENGINE_STEPS, NO_ENGINE_SAW},
+#define LATE_STEPS "abort:move x=0;drop:move x=0;move x=0;scan x=0.1;abort:scan x=1;drop:scan x=1;move x=0;set pstate=ready"
+#define LATE_SAW(scan, abort_scan) "error aborted \\| ready \\|\\|  \\|\\|  \\|\\| " scan " \\|\\| " abort_scan " \\| ready \\|\\|  \\|\\|  \\|\\| "
+    {"set drive.position_mm 2;set pru.fault no-start", "meas", LATE_STEPS, LATE_SAW("", "error aborted")},
+    {"set drive.position_mm 2;set pru.fault no-stop", "meas", LATE_STEPS, LATE_SAW("error timeout no data", "error aborted")},
+    {"set drive.position_mm 2;set pru.fault stall", "meas", LATE_STEPS, LATE_SAW("error timeout no data", "error aborted")},
     {"set pru.fault stall", "meas", "get w z sin_freq", "data \\d+ -?\\d+\\.\\d{3} \\d+\\.\\d{2}"},
     {"set pru.fault none", "meas", "set w_ov_max=1000;scan x=0.1;set w_ov_max=65535", " \\|\\| error OF PLUS \\|\\| "},
     /* the charger's own faults, with USB power in */
@@ -96,6 +106,10 @@ const Row kTable[] = {
     {"set supply.usb_v 5;fault /dev/i2c-0@0x6b write EREMOTEIO always", "ready", "idle;idle;get batt_state", ".* \\|\\| .* \\|\\| data [124]"},
 };
 #undef SCAN_DATA
+#undef NO_ENGINE_STEPS
+#undef NO_ENGINE_SAW
+#undef LATE_STEPS
+#undef LATE_SAW
 /* clang-format on */
 
 std::vector<std::string> split(const std::string& s, char sep)
@@ -114,10 +128,11 @@ class FaultCampaign : public testing::Test {
 protected:
     void SetUp() override { ASSERT_TRUE(power_up()); }
 
-    bool power_up()
+    /* A new connection, to a server started anew unless it runs. */
+    bool power_up(bool start = true)
     {
         client.close();
-        if (!server.start() || !client.connect(server.port()))
+        if ((start && !server.start()) || !client.connect(server.port()))
             return false;
         client.read_until([](const std::string& l) { return l == "0 event battery good"; }, 2000);
         return true;
@@ -145,8 +160,25 @@ protected:
             return seen;
         }
         int id = next_id++;
-        client.send(std::to_string(id) + " " + command);
         ctl("clock mode warp");
+        if (command.rfind("drop:", 0) == 0) {
+            /* The server takes the request, then finds the connection gone
+             * and closes its end; only then does the client come back. */
+            client.send(std::to_string(id) + " " + command.substr(5));
+            shutdown(client.fd(), SHUT_WR);
+            bool back = client.closed_by_peer() && power_up(false);
+            ctl("clock mode step");
+            return back ? "" : "(no reconnect)";
+        }
+        if (command.rfind("abort:", 0) == 0) {
+            /* Both in one pass of the loop: the abort meets the request just
+             * started, before any timer. */
+            int abort_id = next_id++;
+            client.send_raw(std::to_string(id) + " " + command.substr(6) + "\n" + std::to_string(abort_id) + " abort\n");
+            id = abort_id;
+        } else {
+            client.send(std::to_string(id) + " " + command);
+        }
         std::vector<std::string> lines;
         std::string line;
         int reports = 0, abort_id = 0, readies = 0;
@@ -172,6 +204,8 @@ protected:
                 acked = true;
             if (rest == "ack" || (l[0] == '0' && !acked))
                 continue;
+            if (rest.rfind("ready ", 0) == 0)
+                rest = "ready"; /* an aborted request's */
             seen += (seen.empty() ? "" : " | ") + (l[0] == '0' ? "event: " + rest.substr(6) : rest);
         }
         if (readies < wanted)

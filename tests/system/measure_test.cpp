@@ -1,6 +1,6 @@
-/* Measuring through the server, as a client sees it: power states, a scan
- * streaming its samples, the move home, autoinfo and abort, with the board's
- * clock in step mode. */
+/* Measuring through the server, as a client sees it: power states, the
+ * move home, autoinfo and abort with the board's clock in step mode; scans
+ * at every speed with it warping; the drive at the server's start. */
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -9,8 +9,6 @@
 #include "server.h"
 
 using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::StartsWith;
 
 namespace {
 
@@ -92,34 +90,6 @@ TEST_F(Measure, TheMeasuringChainFollowsThePowerState)
     EXPECT_THAT(server.ctl({"get", "meas.power"}).out, "0\n");
 }
 
-/* A 1 mm scan at 0.5 mm/s: 2000 samples, every one delivered once, in data
- * lines every 100 ms, then the ready line with the time it took. */
-TEST_F(Measure, AScanStreamsEverySampleOnce)
-{
-    meas(1);
-    server.advance("1s"); /* the idle acquisition settles */
-    std::vector<std::string> lines = run(7, "scan x=1", "100ms", 40);
-    ASSERT_FALSE(lines.empty());
-    EXPECT_EQ("7 ack", lines.front());
-    ASSERT_TRUE(vt::is_ready_line(lines.back(), 7)) << lines.back();
-    EXPECT_THAT(lines.back(), StartsWith("7 ready 2."));
-    std::vector<uint16_t> samples;
-    int data_lines = 0;
-    for (const std::string& l : lines) {
-        if (l.compare(0, 7, "7 data ") != 0)
-            continue;
-        data_lines++;
-        std::vector<uint16_t> chunk = decode_samples(l.substr(7));
-        samples.insert(samples.end(), chunk.begin(), chunk.end());
-    }
-    EXPECT_EQ(2000u, samples.size());
-    EXPECT_GE(data_lines, 19);
-    /* The probe rides the roughness standard: the samples vary around its
-     * zero point. */
-    EXPECT_NE(samples.front(), samples[samples.size() / 2]);
-    EXPECT_THAT(client.request(8, "get meas_cycles"), ElementsAre("8 ack", "8 data 1", "8 ready 0.000"));
-}
-
 TEST_F(Measure, MoveHomeAutoinfoAndAbort)
 {
     meas(1);
@@ -146,6 +116,65 @@ TEST_F(Measure, MoveHomeAutoinfoAndAbort)
     client.send("5 abort 4");
     std::vector<std::string> end = client.read_until([](const std::string& l) { return vt::is_ready_line(l, 5); });
     EXPECT_THAT(end, testing::Contains("4 ready"));
+}
+
+/* A server that died during a move left the drive running home at full
+ * speed; the next one stops it and switches its power off. */
+TEST(MeasureStart, TheServerStartsWithTheDriveStoppedAndUnpowered)
+{
+    vt::ServerUnderTest server("[motor]\npower = 1\ndac = 0\n");
+    ASSERT_TRUE(server.start()) << server.err();
+    EXPECT_EQ("2082\n", server.ctl({"get", "motor.dac"}).out);
+    EXPECT_EQ("0\n", server.ctl({"get", "motor.power"}).out);
+}
+
+/* Every speed the speed channel offers gives one sample per 0.5 um of
+ * travel (a timed scan as many as its time would travel), exactly: also at
+ * the slowest speeds, where the samples the firmware discards take longer
+ * than the wait for the first data, and for odd counts. A scan the sample
+ * buffer (here 36864 samples) cannot hold is refused before it starts. */
+TEST(MeasureScans, EverySpeedDeliversExactlyItsSamples)
+{
+    struct Row {
+        const char* speed;
+        const char* scan;
+        int samples; /* -1: refused */
+    };
+    const Row rows[] = {
+        {"0.1", "x=0.1", 200},    {"0.1", "x=1", 2000},    {"0.1", "x=17.5", 35000},   {"0.2", "x=0.1", 200},
+        {"0.2", "x=1", 2000},     {"0.2", "x=17.5", 35000}, {"0.3", "x=0.1", 200},     {"0.3", "x=1", 2000},
+        {"0.3", "x=17.5", 35000}, {"0.5", "x=0.1", 200},    {"0.5", "x=1", 2000},      {"0.5", "x=17.5", 35000},
+        {"1.0", "x=0.1", 200},    {"1.0", "x=1", 2000},     {"1.0", "x=17.5", 35000},  {"0.1", "time=0.1", 20},
+        {"0.1", "time=0.105", 21}, {"0.1", "time=1", 200}, {"0.3", "x=0.1005", 201}, {"1.0", "time=20", -1},
+    };
+    vt::ServerUnderTest server("[pru]\nextram_size = 73728\n", "warp");
+    ASSERT_TRUE(server.start()) << server.err();
+    vt::LineClient client;
+    ASSERT_TRUE(client.connect(server.port()));
+    ASSERT_TRUE(vt::is_ready_line(client.request(1, "set pstate=meas").back(), 1));
+    int id = 2;
+    for (const Row& row : rows) {
+        std::string what = std::string(row.scan) + " at " + row.speed + " mm/s";
+        std::vector<std::string> set = client.request(id, std::string("set speed=") + row.speed);
+        ASSERT_EQ(std::to_string(id++) + " ack", set.end()[-2]) << what;
+        std::string scan_id = std::to_string(id);
+        std::vector<std::string> lines = client.request(id++, std::string("scan ") + row.scan, 30000);
+        size_t samples = 0;
+        std::vector<std::string> others;
+        for (const std::string& l : lines) {
+            if (l.rfind(scan_id + " data ", 0) == 0)
+                samples += decode_samples(l.substr(scan_id.size() + 6)).size();
+            else if (l[0] != '0')
+                others.push_back(l.substr(scan_id.size() + 1, 5));
+        }
+        if (row.samples < 0)
+            EXPECT_THAT(others, ElementsAre("ack", "error", "ready")) << what;
+        else
+            EXPECT_THAT(others, ElementsAre("ack", "ready")) << what;
+        EXPECT_EQ(static_cast<size_t>(std::max(row.samples, 0)), samples) << what;
+    }
+    /* Every scan that ran counts as a measurement, the refused one not. */
+    EXPECT_THAT(client.request(id, "get meas_cycles"), testing::Contains(std::to_string(id) + " data 19"));
 }
 
 } // namespace

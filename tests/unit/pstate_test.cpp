@@ -147,6 +147,29 @@ TEST_F(Pstate, MeasSwitchesTheChainOnInOrderAndReadyOffAgain)
     EXPECT_EQ("800000", sim::get("cpufreq.max_khz"));
 }
 
+/* Without an acquisition engine that answers, meas would have no live
+ * readings and nothing to stop a scan with: the way there fails and what
+ * it switched on goes off again. */
+TEST_F(Pstate, MeasWithoutAnAnsweringEngineIsRefusedAndSwitchedOffAgain)
+{
+    for (const char* fault : {"absent /dev/uio0", "set pru.fault no-signal", "set pru.fault no-start"}) {
+        ASSERT_EQ("ok\n", sim::control(fault)) << fault;
+        sim::journal_clear();
+        EXPECT_NE(0, set("meas")) << fault;
+        EXPECT_EQ("7 error action failed\n", replies()) << fault;
+        EXPECT_EQ(4, pstate()) << fault;
+        EXPECT_THAT(vt::entries("motor_power"), ElementsAre(HasSubstr("write 1"), HasSubstr("write 0"))) << fault;
+        EXPECT_THAT(vt::entries("meas_power"), ElementsAre(HasSubstr("write 1"), HasSubstr("write 0"))) << fault;
+        EXPECT_EQ("off", sim::get("pru.state")) << fault;
+        EXPECT_EQ(nullptr, state.pruss_info.comm) << fault;
+        sim::control("faults-clear");
+        sim::set("pru.fault", "none");
+    }
+    /* The engine back: meas as usual. */
+    EXPECT_EQ(0, set("meas"));
+    EXPECT_EQ(5, pstate());
+}
+
 TEST_F(Pstate, ValuesOutsideTheStatesAndTheirNamesAreRefused)
 {
     for (const char* v : {"0", "6", "READY", "", "-1", "standby"}) {

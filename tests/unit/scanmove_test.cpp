@@ -300,13 +300,9 @@ TEST_F(ScanMove, TimedScanAndLimitsStart)
     scan_abort(&client_);
     ASSERT_EQ(1, run("scan timeout=0.1"));
     scan_abort(&client_);
-    ASSERT_EQ(1, run("scan x=17.5"));
-    scan_abort(&client_);
-    ASSERT_EQ(1, run("scan x=0.1"));
-    scan_abort(&client_);
-    EXPECT_EQ(4u, state.meas_cycles);
+    EXPECT_EQ(2u, state.meas_cycles);
     auto all = lines();
-    EXPECT_EQ(4, std::count(all.begin(), all.end(), "7 error aborted"));
+    EXPECT_EQ(2, std::count(all.begin(), all.end(), "7 error aborted"));
 }
 
 TEST_F(ScanMove, EverySampleArrivesOnceInOrder)
@@ -395,12 +391,18 @@ TEST_F(ScanMoveOnTheModel, AFirmwareErrorFailsTheScan)
 
 TEST_F(ScanMove, FirmwareFailures)
 {
-    /* No sample at all: fails on the sixth step. */
-    state.skip_samples = 100000;
+    /* No sample at all: fails on the sixth step, or as much later as the
+     * discarded samples take (300 at 1000 samples/s). */
+    ASSERT_TRUE(sim::set("pru.fault", "stall"));
     ASSERT_EQ(1, run("scan x=1"));
     EXPECT_EQ(6, serve());
-    EXPECT_THAT(lines(), ElementsAre("7 error timeout no data", MatchesRegex("7 ready 0\\.6[0-9][0-9]")));
+    state.skip_samples = 300;
+    ASSERT_EQ(1, run("scan x=1"));
+    EXPECT_EQ(9, serve());
+    EXPECT_THAT(lines(), ElementsAre("7 error timeout no data", MatchesRegex("7 ready 0\\.6[0-9][0-9]"),
+                                     "7 error timeout no data", MatchesRegex("7 ready 0\\.9[0-9][0-9]")));
     state.skip_samples = 0;
+    ASSERT_TRUE(sim::set("pru.fault", "none"));
 
     /* The firmware stops delivering after a second: the budget of 3 s runs
      * out, and the failing step sends no data. */
@@ -415,7 +417,7 @@ TEST_F(ScanMove, FirmwareFailures)
     EXPECT_THAT(rest, ElementsAre("7 error timeout", MatchesRegex("7 ready 3\\.1[0-9][0-9]")));
     EXPECT_GE(got.size(), 900u);
     EXPECT_LE(got.size(), 1100u);
-    EXPECT_EQ(2u, state.meas_cycles);
+    EXPECT_EQ(3u, state.meas_cycles);
     sim::set("pru.fault", "none");
 }
 

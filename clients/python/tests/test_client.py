@@ -155,8 +155,32 @@ class ServerTest(unittest.TestCase):
         self.assertEqual(again[-1].get("batt_state"), 4)
 
 
+class DroppedConnectionTest(unittest.TestCase):
+    def test_a_scan_keeps_its_samples_when_the_connection_drops(self):
+        server = SimServer()
+        self.addCleanup(server.stop)
+        with Instrument("127.0.0.1", server.port) as inst:
+            inst.ensure_meas()
+            scan = inst.scan(length_mm=17.5)
+            with self.assertRaises(ConnectionClosed):
+                for _ in scan:
+                    server.proc.kill()
+            self.assertTrue(scan.profile.partial)
+            self.assertGreater(len(scan.profile), 0)
+            self.assertLess(len(scan.profile), scan.expected)
+
+
 class SilentServerTest(unittest.TestCase):
     """A peer that greets and then never answers."""
+
+    def test_a_server_that_never_greets_costs_one_timeout(self):
+        listener = socket.create_server(("127.0.0.1", 0))
+        self.addCleanup(listener.close)
+        t0 = time.monotonic()
+        with self.assertRaises(ConnectionClosed) as cm:
+            Instrument("127.0.0.1", listener.getsockname()[1], timeout=1.0)
+        self.assertTrue(cm.exception.silent)
+        self.assertLess(time.monotonic() - t0, 1.9)
 
     def test_request_times_out(self):
         listener = socket.create_server(("127.0.0.1", 0))

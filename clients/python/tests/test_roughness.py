@@ -6,7 +6,7 @@ import unittest
 import numpy as np
 
 import simserver  # noqa: F401  (puts the library on the path)
-from velaclient.roughness import cutoff_for_ra, evaluate, gaussian_mean_line
+from velaclient.roughness import ISO4287, ISO21920, cutoff_for_ra, evaluate, gaussian_mean_line
 
 DX = 0.0005  # mm, the instrument's sample pitch
 
@@ -56,6 +56,58 @@ class SineTest(unittest.TestCase):
         np.testing.assert_allclose(ev.form_um, 3.0 * x - 7.0, atol=1e-9)
 
 
+class ConventionTest(unittest.TestCase):
+    def test_both_conventions_on_a_skewed_random_profile(self):
+        # Sparse deep pits on a fine random texture: strongly skewed, with a
+        # different shape in each sampling length.
+        rng = np.random.default_rng(7)
+        x = positions(4.8)
+        z = gaussian_mean_line(rng.normal(0, 0.4, len(x)), DX, 0.01)
+        pits = rng.random(len(x)) < 0.002
+        z = z - gaussian_mean_line(pits * rng.exponential(80.0, len(x)), DX, 0.02)
+        # Independently: the mean line from the library, the parameters here.
+        ev = {c: evaluate(x, z, 0.8, convention=c) for c in (ISO4287, ISO21920)}
+        r = ev[ISO4287].roughness_um[800:800 + 5 * 1600]  # after the run-in of half a cut-off
+        parts = r.reshape(5, 1600)
+
+        def moments(a):
+            rq = np.sqrt(np.mean(a ** 2))
+            return {"Ra": np.mean(np.abs(a)), "Rq": rq, "Rsk": np.mean(a ** 3) / rq ** 3,
+                    "Rku": np.mean(a ** 4) / rq ** 4}
+
+        per_length = [moments(a) for a in parts]
+        expected = {ISO4287: {k: np.mean([m[k] for m in per_length]) for k in per_length[0]},
+                    ISO21920: moments(r)}
+        heights = {"Rp": np.mean(parts.max(axis=1)), "Rv": np.mean(-parts.min(axis=1)),
+                   "Rt": r.max() - r.min()}
+        heights["Rz"] = heights["Rp"] + heights["Rv"]
+        for convention, values in expected.items():
+            for name, value in dict(values, **heights).items():
+                with self.subTest(convention=convention, parameter=name):
+                    self.assertAlmostEqual(ev[convention].parameters[name], value, delta=1e-9 * abs(value) + 1e-12)
+        # The conventions really differ on such a surface.
+        self.assertGreater(abs(ev[ISO4287].parameters["Rku"] - ev[ISO21920].parameters["Rku"]), 0.05)
+        with self.assertRaises(ValueError):
+            evaluate(x, z, 0.8, convention="ISO 1302")
+
+    def test_a_few_samples_short_still_gives_five_sampling_lengths(self):
+        # 4.8 mm at 0.4 mm/s: the instrument delivers 9598 of 9600 samples.
+        x = positions(4.8)[:-2]
+        ev = evaluate(x, np.sin(2 * np.pi * x / 0.1))
+        self.assertEqual((ev.cutoff_mm, ev.sampling_lengths, ev.notes), (0.8, 5, []))
+        self.assertEqual(len(ev.boundaries_mm), 6)
+        self.assertAlmostEqual(ev.boundaries_mm[-1] - ev.boundaries_mm[0], 4.0)
+
+    def test_lambda_s_removes_only_the_short_waves(self):
+        x = positions(4.8)
+        fine = 0.2 * np.sin(2 * np.pi * x / 0.0015)  # 1.5 um, below lambda_s 2.5 um
+        z = np.sin(2 * np.pi * x / 0.1) + fine
+        plain, filtered = evaluate(x, z, 0.8), evaluate(x, z, 0.8, lambda_s=True)
+        self.assertEqual((plain.lambda_s_mm, filtered.lambda_s_mm), (None, 0.0025))
+        self.assertAlmostEqual(filtered.parameters["Ra"], 2 / math.pi, delta=5e-3)
+        self.assertGreater(plain.parameters["Rz"] - filtered.parameters["Rz"], 0.2)
+
+
 class CutoffTest(unittest.TestCase):
     def test_iso4288_table(self):
         for ra, cutoff in ((0.01, 0.08), (0.02, 0.08), (0.021, 0.25), (0.1, 0.25), (0.11, 0.8), (2.0, 0.8),
@@ -79,8 +131,9 @@ class CutoffTest(unittest.TestCase):
         # A given cut-off: as many sampling lengths as fit, at least one.
         ev = evaluate(x, np.sin(2 * np.pi * x / 0.1), cutoff_mm=2.0)
         self.assertEqual(ev.sampling_lengths, 1)
-        with self.assertRaisesRegex(ValueError, "too short"):
-            evaluate(x, np.sin(2 * np.pi * x / 0.1), cutoff_mm=2.5)
+        for cutoff, message in ((2.5, "too short"), (-1, "positive")):
+            with self.assertRaisesRegex(ValueError, message):
+                evaluate(x, np.sin(2 * np.pi * x / 0.1), cutoff_mm=cutoff)
 
 
 if __name__ == "__main__":

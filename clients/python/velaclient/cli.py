@@ -8,8 +8,17 @@ import time
 
 from .channels import CHANNELS, PowerState
 from .connection import DEFAULT_PORT
-from .errors import ConnectionClosed, VelaError
+from .errors import ConnectionClosed, RequestTimeout, ScanError, VelaError
 from .instrument import Instrument
+
+# The ranges the instrument accepts, checked before anything moves.
+LENGTH_MM = (0.1, 17.5)
+TIME_S = (0.1, 40.0)
+SPEED_MM_S = (0.1, 1.0)
+PSTATES = ("off", "suspend", "eco", "ready", "meas")
+CONVENTION_TEXT = {"ISO 4287": "mean over 5 sampling lengths (ISO 4287/4288)",
+                   "ISO 21920-2": "over the evaluation length (ISO 21920-2)"}
+CONVENTION_OPTIONS = {"iso4287": "ISO 4287", "iso21920": "ISO 21920-2"}
 
 DESCRIPTION = """\
 Service tool for the roughness-measuring instrument: reads and writes its
@@ -33,7 +42,34 @@ environment variables VELA_HOST and VELA_PORT.
 EPILOG = """\
 Run 'velactl COMMAND --help' for the options of one command.
 Exit status: 0 done, 1 the instrument refused or failed (its message is
-printed), 2 bad command line, 3 no connection to the instrument."""
+printed), 2 bad command line, 3 no connection to the instrument, 130
+interrupted."""
+
+
+class UsageError(VelaError):
+    """A bad command line or value: exit status 2."""
+
+
+class Parser(argparse.ArgumentParser):
+    """argparse with its errors on one line."""
+
+    def error(self, message):
+        raise UsageError(message)
+
+
+def port_number(text):
+    try:
+        port = int(text)
+    except ValueError:
+        port = 0
+    if not 1 <= port <= 65535:
+        raise argparse.ArgumentTypeError(f"not a TCP port (1..65535): {text!r}")
+    return port
+
+
+def _in_range(name, value, limits, unit):
+    if value is not None and not limits[0] <= value <= limits[1]:
+        raise UsageError(f"{name} must be {limits[0]:g}..{limits[1]:g} {unit}, not {value:g}")
 
 
 def _out(text=""):
@@ -51,13 +87,23 @@ def cmd_get(inst, args):
         _out(f"{name:<{width}}  {value}")
 
 
-def cmd_set(inst, args):
+def _pairs(items):
     pairs = {}
-    for item in args.pairs:
+    for item in items:
         name, sep, value = item.partition("=")
         if not sep or not name:
-            raise ValueError(f"expected NAME=VALUE, got {item!r}")
+            raise UsageError(f"expected NAME=VALUE, got {item!r}")
         pairs[name] = value
+    return pairs
+
+
+def cmd_set(inst, args):
+    pairs = args.set_pairs
+    for name, value in pairs.items():
+        try:
+            inst.capability(name, "set").encode(value)
+        except ValueError as e:
+            raise UsageError(f"set {name}={value}: {e}") from None
     inst.set_many(pairs)
 
 
@@ -77,11 +123,35 @@ def cmd_machine(inst, args):
         _out(f"{name:<11} {version}")
 
 
+WAKE_HINT = "press START on the instrument to wake it"
+
+
 def cmd_pstate(inst, args):
-    if args.state:
-        inst.set_pstate(args.state)
+    target = args.pstate
+    if target in (PowerState.OFF, PowerState.SUSPEND):
+        # The instrument halts (closing the connection) or suspends (no
+        # answer until woken): either is the request done.
+        request = inst.send(f"set pstate={target.name.lower()}")
+        try:
+            request.wait(min(inst.timeout, 3.0))
+        except (ConnectionClosed, RequestTimeout):
+            pass
+        _out("the instrument switches off" if target == PowerState.OFF else f"the instrument is suspended: {WAKE_HINT}")
+        return
+    if target is not None:
+        inst.set_pstate(target)
     state = inst.pstate()
     _out(f"{state.name.lower()} ({int(state)})")
+
+
+def _parse_pstate(text):
+    if text is None:
+        return None
+    if text.lower() in PSTATES:
+        return PowerState[text.upper()]
+    if text.isdigit() and 1 <= int(text) <= 5:
+        return PowerState(int(text))
+    raise UsageError(f"pstate: unknown power state {text!r} (off, suspend, eco, ready, meas or 1..5)")
 
 
 def _stamp():
@@ -91,12 +161,23 @@ def _stamp():
 
 def cmd_watch(inst, args):
     lock = threading.Lock()
+    shown = threading.Semaphore(0)
 
     def show(ev):
         with lock:
             _out(f"{_stamp()}  event: {ev.text}")
+        shown.release()
 
-    inst.add_event_handler(show)
+    # The events the instrument sent on connect (the battery state and
+    # level) arrived before this handler: they are shown first.
+    with lock:
+        greeting = []
+        while not inst.events.empty():
+            greeting.append(inst.events.get_nowait())
+        inst.add_event_handler(show)
+        for ev in greeting:
+            _out(f"{_stamp()}  event: {ev.text}")
+            shown.release()
     reports = 0
     try:
         if args.channels:
@@ -108,10 +189,12 @@ def cmd_watch(inst, args):
                     if args.count and reports >= args.count:
                         break
         else:
-            # Events only: they arrive on their own; wait for the connection's end.
-            while not inst.closed:
-                time.sleep(0.2)
-            raise ConnectionClosed("the instrument closed the connection")
+            # Events only; -n counts them.
+            while not (args.count and reports >= args.count):
+                if shown.acquire(timeout=0.2):
+                    reports += 1
+                elif inst.closed:
+                    raise ConnectionClosed("the instrument closed the connection")
     except KeyboardInterrupt:
         pass
 
@@ -137,9 +220,13 @@ def cmd_calibrate(inst, args):
             if not sys.stdin.readline():
                 raise VelaError("calibration cancelled")
 
+    # Each point needs the live reading of where the probe stands now: after
+    # entering meas (and after a scan) the acquisition restarts first.
     wait_for(f"Put the probe on the first reference (height {args.height1:g} um)")
+    inst.wait_live_reading()
     inst.calibrate_point1(args.height1)
     wait_for(f"Put the probe on the second reference (height {args.height2:g} um)")
+    inst.wait_live_reading()
     offset, scale = inst.calibrate_point2(args.height2)
     _out(f"calibrated: w_offset {offset}, w_scale {scale:.9f} mm/digit")
 
@@ -170,6 +257,57 @@ class Progress:
         sys.stderr.flush()
 
 
+def check_scan(args):
+    """Everything about a scan that can be checked before the probe moves."""
+    _in_range("--length", args.length, LENGTH_MM, "mm")
+    _in_range("--time", args.time, TIME_S, "s")
+    _in_range("--speed", args.speed, SPEED_MM_S, "mm/s")
+    if args.cutoff is not None:
+        from .roughness import required_length_mm
+        if not args.cutoff > 0:
+            raise UsageError(f"--cutoff must be positive, not {args.cutoff:g}")
+        if args.length is not None and args.length < required_length_mm(args.cutoff) - 1e-9:
+            raise UsageError(f"--cutoff {args.cutoff:g} needs a length of {required_length_mm(args.cutoff):g} mm "
+                             f"(five sampling lengths, run-in and run-out), not {args.length:g}")
+    for option, path, endings in (("--output", args.output, None), ("--plot", args.plot, (".svg", ".png", ".pdf")),
+                                  ("--report", args.report, (".pdf",))):
+        if path is None:
+            continue
+        if endings and os.path.splitext(path)[1].lower() not in endings:
+            raise UsageError(f"{option}: the file must end in {', '.join(endings[:-1])}"
+                             f"{' or ' if len(endings) > 1 else ''}{endings[-1]}: {path}")
+        folder = os.path.dirname(os.path.abspath(path))
+        if not os.path.isdir(folder) or not os.access(folder, os.W_OK) or \
+                (os.path.exists(path) and not os.access(path, os.W_OK)):
+            raise UsageError(f"{option}: cannot write {path}")
+
+
+def _metadata(inst, args, scan):
+    """What a technician needs to file the measurement with it."""
+    info = inst.machine()
+    cal = {"w_offset": scan.w_offset, "w_scale": scan.w_scale}
+    try:
+        cal["x_corr"] = inst.get("x_corr")
+    except VelaError:
+        pass
+    meta = {"date": time.strftime("%Y-%m-%d %H:%M:%S %Z"),
+            "instrument": f"{info.model} serial {info.serialno or '-'} hardware {info.hwrev}",
+            "software": ", ".join(f"{k} {v}" for k, v in info.components.items()) or "-",
+            "speed": f"{scan.speed:g} mm/s"}
+    meta["length" if args.length is not None else "time"] = \
+        f"{args.length:g} mm" if args.length is not None else f"{args.time:g} s (no travel)"
+    meta.update({k: f"{v:.9g}" if isinstance(v, float) else str(v) for k, v in cal.items()})
+    return meta
+
+
+def _evaluation_metadata(ev):
+    return {"cut-off": f"{ev.cutoff_mm:g} mm ({ev.cutoff_rule})",
+            "filter": "Gaussian, ISO 16610-21",
+            "lambda_s": f"{ev.lambda_s_mm * 1000:g} um (ISO 3274)" if ev.lambda_s_mm else "not applied",
+            "convention": CONVENTION_TEXT[ev.convention],
+            "evaluation length": f"{ev.evaluation_length_mm:g} mm ({ev.sampling_lengths} x {ev.cutoff_mm:g} mm)"}
+
+
 def cmd_scan(inst, args):
     _meas(inst)
     if args.speed is not None:
@@ -177,6 +315,7 @@ def cmd_scan(inst, args):
     if not args.no_home and args.length is not None:
         inst.move_home()
     scan = inst.scan(length_mm=args.length, time_s=args.time)
+    meta = _metadata(inst, args, scan)
     show = sys.stderr.isatty() if args.progress is None else args.progress
     bar = Progress(scan.expected, 0.0005, "mm") if args.length is not None else \
         Progress(scan.expected, 1.0 / round(scan.speed / 0.0005), "s")
@@ -184,11 +323,19 @@ def cmd_scan(inst, args):
         for _ in scan:
             if show:
                 bar.update(scan.received)
-    except KeyboardInterrupt:
+    except BaseException as e:
+        # Whatever ended the scan early, what arrived is kept.
         if show:
             bar.finish()
-        _note("aborting the scan")
-        scan.abort()
+        if isinstance(e, KeyboardInterrupt) and not inst.closed:
+            _note("aborting the scan")
+            try:
+                scan.abort()
+            except VelaError:
+                pass
+        if args.output and scan.profile is not None:
+            scan.profile.write_csv(args.output, meta)
+            _note(f"partial profile ({len(scan.profile)} samples) written to {args.output}")
         raise
     if show:
         bar.finish()
@@ -197,36 +344,55 @@ def cmd_scan(inst, args):
         _note(f"warning from the instrument: {w}")
     _out(f"scan: {len(profile)} samples over {len(profile) * 0.0005:.3f} mm"
          + (f" in {profile.duration_s:.1f} s" if profile.duration_s is not None else ""))
-    if args.output:
-        profile.write_csv(args.output)
-        _out(f"profile written to {args.output}")
     if len(profile) < 3:
+        if args.output:
+            profile.write_csv(args.output, meta)
         raise VelaError("too few samples to evaluate")
     from .roughness import evaluate  # SciPy: only for scans
     try:
-        ev = evaluate(profile.positions_mm, profile.heights_um, args.cutoff)
+        ev = evaluate(profile.positions_mm, profile.heights_um, args.cutoff, args.convention, args.lambda_s)
     except ValueError as e:
+        if args.output:
+            profile.write_csv(args.output, meta)
         raise VelaError(f"cannot evaluate: {e}") from None
-    if args.plot:
-        from .plot import plot_evaluation  # matplotlib loads slowly; only when asked
-        plot_evaluation(ev, args.plot, title=f"Primary profile, {len(profile) * 0.0005:.3f} mm")
-        _out(f"plot written to {args.plot}")
+    meta.update(_evaluation_metadata(ev))
+    if args.output:
+        profile.write_csv(args.output, dict(meta, **{k + ("" if k in ("Rsk", "Rku") else " (um)"): f"{v:.4f}"
+                                                      for k, v in ev.parameters.items()}))
+        _out(f"profile written to {args.output}")
+    if args.plot or args.report:
+        from . import plot  # matplotlib loads slowly; only when asked
+        title = f"Primary profile, {len(profile) * 0.0005:.3f} mm"
+        if args.plot:
+            plot.plot_evaluation(ev, args.plot, title=title, caption=plot.caption(meta))
+            _out(f"plot written to {args.plot}")
+        if args.report:
+            plot.write_report(ev, args.report, meta)
+            _out(f"report written to {args.report}")
     _out(f"cut-off {ev.cutoff_mm:g} mm ({ev.cutoff_rule}), evaluation length {ev.evaluation_length_mm:g} mm "
          f"({ev.sampling_lengths} x {ev.cutoff_mm:g} mm)")
+    _out(f"parameters: {CONVENTION_TEXT[ev.convention]}"
+         + (f", lambda_s {ev.lambda_s_mm * 1000:g} um" if ev.lambda_s_mm else ""))
     for note in ev.notes:
         _out(f"note: {note}")
     for name, value in ev.parameters.items():
         unit = "" if name in ("Rsk", "Rku") else " um"
         _out(f"{name:<4} {value:8.3f}{unit}")
+    if profile.stands_still():
+        why = "a timed scan does not move the probe" if args.time is not None else \
+            "the probe did not move over the surface (end of travel?)"
+        _note(f"warning: {why}: these values describe the instrument's noise, not a surface")
+        if not args.force:
+            raise VelaError("no surface measured (--force to accept the values)")
 
 
 def build_parser():
-    p = argparse.ArgumentParser(prog="velactl", description=DESCRIPTION, epilog=EPILOG,
-                                formatter_class=argparse.RawDescriptionHelpFormatter)
+    p = Parser(prog="velactl", description=DESCRIPTION, epilog=EPILOG,
+               formatter_class=argparse.RawDescriptionHelpFormatter)
     p.add_argument("--host", default=os.environ.get("VELA_HOST", "localhost"),
                    help="the instrument's address (default: %(default)s)")
-    p.add_argument("--port", type=int, default=int(os.environ.get("VELA_PORT", DEFAULT_PORT)),
-                   help="its TCP port (default: %(default)s)")
+    p.add_argument("--port", type=port_number, default=None,
+                   help=f"its TCP port (default: VELA_PORT or {DEFAULT_PORT})")
     p.add_argument("--timeout", type=float, default=10.0, metavar="SECONDS",
                    help="how long to wait for each answer (default: %(default)s)")
     sub = p.add_subparsers(dest="command", metavar="COMMAND", required=True)
@@ -288,24 +454,61 @@ def build_parser():
     s.add_argument("--cutoff", type=float, metavar="MM", help="cut-off wavelength in mm (default: by ISO 4288)")
     s.add_argument("--speed", type=float, metavar="MM/S", help="set the drive speed first (0.1..1.0)")
     s.add_argument("--no-home", action="store_true", help="scan from where the probe stands")
+    s.add_argument("--convention", choices=sorted(CONVENTION_OPTIONS), default="iso4287",
+                   help="iso4287: parameters averaged over the five sampling lengths (ISO 4287/4288, the "
+                   "default); iso21920: Ra, Rq, Rsk, Rku over the evaluation length (ISO 21920-2)")
+    s.add_argument("--lambda-s", action="store_true",
+                   help="apply the short-wave filter λs that ISO 3274 pairs with the cut-off")
+    s.add_argument("--report", metavar="FILE.pdf", help="write a one-page measurement report (PDF)")
+    s.add_argument("--force", action="store_true",
+                   help="accept a scan that shows no travel over a surface (exit status 0)")
     s.add_argument("--progress", action=argparse.BooleanOptionalAction, default=None,
                    help="show a progress bar (default: when standard error is a terminal)")
     s.set_defaults(run=cmd_scan)
     return p
 
 
-def main(argv=None):
+def parse_command_line(argv):
+    """The parsed arguments, every check that needs no instrument done;
+    raises UsageError."""
     args = build_parser().parse_args(argv)
-    if getattr(args, "plot", None) and os.path.splitext(args.plot)[1].lower() not in (".svg", ".png", ".pdf"):
-        _note(f"velactl: the plot file must end in .svg, .png or .pdf: {args.plot}")
+    if args.port is None:
+        try:
+            args.port = port_number(os.environ.get("VELA_PORT", str(DEFAULT_PORT)))
+        except argparse.ArgumentTypeError as e:
+            raise UsageError(f"VELA_PORT: {e}") from None
+    if args.command == "pstate":
+        args.pstate = _parse_pstate(args.state)
+    elif args.command == "set":
+        args.set_pairs = _pairs(args.pairs)
+    elif args.command == "scan":
+        check_scan(args)
+        args.convention = CONVENTION_OPTIONS[args.convention]
+    return args
+
+
+def main(argv=None):
+    try:
+        args = parse_command_line(argv)
+    except UsageError as e:
+        _note(f"velactl: {e}")
         return 2
     try:
         with Instrument(args.host, args.port, timeout=args.timeout) as inst:
             args.run(inst, args)
     except KeyboardInterrupt:
         return 130
+    except UsageError as e:
+        _note(f"velactl: {e}")
+        return 2
     except ConnectionClosed as e:
-        hint = "" if e.server_text else " (is the instrument on and its server running?)"
+        if e.silent and args.command == "pstate" and args.pstate is None:
+            _out(f"suspended (2): {WAKE_HINT}")
+            return 0
+        if e.silent:
+            hint = f" (suspended? {WAKE_HINT})"
+        else:
+            hint = "" if e.server_text else " (is the instrument on and its server running?)"
         _note(f"velactl: {e}{hint}")
         return 3
     except (VelaError, ValueError, OSError) as e:

@@ -162,8 +162,14 @@ class Connection:
         # A new client first gets the battery state; a refused one gets the
         # busy text and the end of the connection instead.
         if not self._first_line.wait(timeout):
-            self.close()
-            raise ConnectionClosed(f"{host}:{port} did not greet within {timeout:g} s")
+            # A silent peer: no "." and no second wait for the reader.
+            self._mark_closed("no greeting")
+            try:
+                self._sock.shutdown(socket.SHUT_RDWR)
+            except OSError:
+                pass
+            self._sock.close()
+            raise ConnectionClosed(f"{host}:{port} did not greet within {timeout:g} s", silent=True)
         if self._closed:
             self._sock.close()
             raise ConnectionClosed(f"{host}:{port} refused the connection: {self._close_reason}", self._close_reason)

@@ -40,11 +40,14 @@ class ConnectionClosed(VelaError, ConnectionError):
     """The connection ended, by us, by the instrument or by the network.
 
     ``server_text`` is what the instrument said as it closed, if anything
-    (a sixth client gets "ERROR: Sorry, server is too busy.").
+    (a sixth client gets "ERROR: Sorry, server is too busy."). ``silent``
+    is true when the peer accepted the connection but never greeted: a
+    suspended instrument does that.
     """
 
-    def __init__(self, message, server_text=""):
+    def __init__(self, message, server_text="", silent=False):
         self.server_text = server_text
+        self.silent = silent  # the peer accepted the connection but never greeted
         super().__init__(message)
 
 

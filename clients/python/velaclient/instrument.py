@@ -103,10 +103,10 @@ class Instrument(Connection):
             self._caps = {c.name: c for c in map(Capability.parse, reply.data)}
         return self._caps
 
-    def capability(self, name):
+    def capability(self, name, command="get"):
         cap = self.capabilities().get(name)
         if cap is None:
-            raise InstrumentError(f"get {name}", ["unknown channel"])
+            raise InstrumentError(f"{command} {name}", ["unknown channel"])
         return cap
 
     def _decode_values(self, names, text):
@@ -139,7 +139,7 @@ class Instrument(Connection):
     def set_many(self, values):
         if not values:
             return
-        pairs = [f"{name}={self.capability(name).encode(value)}" for name, value in dict(values).items()]
+        pairs = [f"{name}={self.capability(name, 'set').encode(value)}" for name, value in dict(values).items()]
         self.command("set " + " ".join(pairs))
 
     # -- power state and identity --
@@ -158,6 +158,23 @@ class Instrument(Connection):
         if before != PowerState.MEAS:
             self.set_pstate(PowerState.MEAS)
         return before
+
+    def wait_live_reading(self, timeout=5.0, poll_s=0.05):
+        """Waits until the live probe reading (w) is there: after entering
+        meas, and after every scan, the acquisition restarts and w reads 0
+        until its first sample. Returns the reading."""
+        import time
+        deadline = time.monotonic() + timeout
+        while True:
+            try:
+                w = self.get("w")
+            except InstrumentError:
+                w = 0
+            if w:
+                return w
+            if time.monotonic() > deadline:
+                raise RequestTimeout(f"no live probe reading within {timeout:g} s")
+            time.sleep(poll_s)
 
     def machine(self):
         info = MachineInfo("", "")

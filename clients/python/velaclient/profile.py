@@ -12,6 +12,10 @@ from .errors import ProtocolError, ScanError
 # One sample per 0.5 um of travel, whatever the speed (the sample rate
 # follows the speed).
 SAMPLE_PITCH_MM = 0.0005
+# A profile whose samples 20 apart (10 um) correlate less than this shows no
+# surface: the probe stood still.
+STILL_LAG = 20
+STILL_CORRELATION = 0.3
 
 
 def decode_chunk(text):
@@ -52,6 +56,9 @@ class Profile:
     time_s: float = None
     duration_s: float = None
     warnings: list = field(default_factory=list)
+    # Why the scan ended early (an error line, an abort, a lost connection),
+    # None when it ran to its end.
+    ended_early: str = None
 
     @property
     def positions_mm(self):
@@ -64,9 +71,36 @@ class Profile:
     def __len__(self):
         return len(self.raw)
 
-    def write_csv(self, path):
-        """Writes x_mm, z_um, raw: one row per sample after a header row."""
+    @property
+    def partial(self):
+        return self.ended_early is not None
+
+    def expected(self):
+        """The samples a complete scan of this length (or time) delivers."""
+        return expected_samples(self.speed, self.length_mm, self.time_s)
+
+    def stands_still(self):
+        """True when the samples show no travel over a surface: only noise
+        about a line. Moving, neighbouring samples 10 um apart follow the
+        surface and agree; standing, they are independent noise."""
+        if len(self.raw) < 4 * STILL_LAG:
+            return len(self.raw) > 0
+        z = self.raw.astype(np.float64)
+        x = np.arange(len(z))
+        d = z - np.polyval(np.polyfit(x, z, 1), x)
+        power = float(np.dot(d, d))
+        if power == 0:
+            return True
+        return float(np.dot(d[:-STILL_LAG], d[STILL_LAG:])) / power < STILL_CORRELATION
+
+    def write_csv(self, path, header=None):
+        """Writes x_mm, z_um, raw: one row per sample after a header block
+        ("# key: value" lines from header, then whether the profile is
+        complete) and the column row."""
         with open(path, "w", newline="") as f:
+            for key, value in (header or {}).items():
+                f.write(f"# {key}: {value}\n")
+            f.write(f"# partial: {'yes, ' + self.ended_early if self.partial else 'no'}\n")
             out = csv.writer(f)
             out.writerow(["x_mm", "z_um", "raw"])
             for x, z, r in zip(self.positions_mm, self.heights_um, self.raw):
@@ -105,22 +139,38 @@ class Scan:
         return self._run()
 
     def _run(self):
-        for kind, text in self.request.replies(self.timeout):
-            if kind == "data":
-                chunk = decode_chunk(text)
-                self.chunks.append(chunk)
-                self.received += len(chunk)
-                yield chunk
-        self.profile = self._profile()
-        if self.request.reply.errors:
+        # Whatever ends the scan, the samples received so far stay in
+        # self.profile, marked with the reason.
+        reason = "the connection ended"
+        try:
+            for kind, text in self.request.replies(self.timeout):
+                if kind == "data":
+                    chunk = decode_chunk(text)
+                    self.chunks.append(chunk)
+                    self.received += len(chunk)
+                    yield chunk
+            errors = self.request.reply.errors
+            reason = f"error: {'; '.join(errors)}" if errors else None
+        except GeneratorExit:
+            reason = "stopped by the client"
+            raise
+        except KeyboardInterrupt:
+            reason = "interrupted"
+            raise
+        except Exception as e:
+            reason = str(e)
+            raise
+        finally:
+            self.profile = self._profile(reason)
+        if reason is not None:
             raise ScanError(self.request.command, self.request.reply.errors, self.id, self.profile)
         return self.profile
 
-    def _profile(self):
+    def _profile(self, ended_early=None):
         raw = np.concatenate(self.chunks) if self.chunks else np.zeros(0, np.uint16)
         reply = self.request.reply
         return Profile(raw, self.w_offset, self.w_scale, self.speed, self.length_mm, self.time_s,
-                       reply.elapsed, list(reply.warnings))
+                       reply.elapsed, list(reply.warnings), ended_early)
 
     def wait(self):
         """Reads the rest of the scan and returns its Profile."""
