@@ -15,9 +15,19 @@
  *    batt` as fast as they can (five clients in all, the server's limit):
  *    the interval between data lines and the samples lost.
  *
+ * With --redis, instead: the server's cost per request beside redis-server's
+ * (Debian's package: apt-get install redis-server; skipped when it is not
+ * installed), both driven by the same client, one request at a time (`get
+ * batt` against `PING`), idle and with four other clients busy: the
+ * server's CPU time (user + system, /proc/PID/stat) per request served,
+ * the measured client's rate and latency percentiles.
+ *
  * Usage: bench_server [requests]
+ *        bench_server --redis [requests]   (20 000 by default)
+ * VELATOOL and VELASIM in the environment name other binaries to measure.
  */
 #include <algorithm>
+#include <atomic>
 #include <arpa/inet.h>
 #include <chrono>
 #include <csignal>
@@ -31,6 +41,7 @@
 #include <string>
 #include <sys/socket.h>
 #include <sys/wait.h>
+#include <sstream>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -48,6 +59,12 @@ struct Server {
 };
 
 using vt::free_port;
+
+const char* binary(const char* env, const char* built)
+{
+    const char* path = getenv(env);
+    return path != nullptr && *path != '\0' ? path : built;
+}
 
 int connect_to(int port)
 {
@@ -78,8 +95,9 @@ Server start_server(const char* clock)
         dup2(null, STDERR_FILENO);
         std::string board = s.dir + "/board", port = std::to_string(s.port);
         setenv("ORVIK_CONFIGPATH", (s.dir + "/config").c_str(), 1);
-        execl(VELASIM_PATH, VELASIM_PATH, "run", "--dir", board.c_str(), "--clock", clock, "--", VELATOOL_PATH, "-T",
-              "0", "-r", port.c_str(), static_cast<char*>(nullptr));
+        const char* velasim = binary("VELASIM", VELASIM_PATH);
+        execl(velasim, velasim, "run", "--dir", board.c_str(), "--clock", clock, "--", binary("VELATOOL", VELATOOL_PATH),
+              "-T", "0", "-r", port.c_str(), static_cast<char*>(nullptr));
         _exit(127);
     }
     int probe = connect_to(s.port);
@@ -285,12 +303,123 @@ void full_scan(const char* clock, int flooders)
     stop_server(s);
 }
 
+/* ---- Beside redis ---- */
+
+const char* const kRedis = "/usr/bin/redis-server";
+
+/* CPU time (user + system) of a process so far, in microseconds. */
+double cpu_us(pid_t pid)
+{
+    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+    std::string stat;
+    std::getline(in, stat);
+    /* Behind the command's name: state, then utime and stime as the 12th
+     * and 13th fields. */
+    std::istringstream fields(stat.substr(stat.rfind(')') + 2));
+    std::string skip;
+    for (int i = 0; i < 11; i++)
+        fields >> skip;
+    double utime = 0, stime = 0;
+    fields >> utime >> stime;
+    return (utime + stime) * 1e6 / static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+
+/* One request and its answer: "<id> get batt" up to its ready line, or
+ * PING up to PONG. */
+bool round_trip(int fd, std::string& pending, bool redis, int id)
+{
+    std::string req = redis ? "PING\r\n" : std::to_string(id) + " get batt\n";
+    if (write(fd, req.data(), req.size()) != static_cast<ssize_t>(req.size()))
+        return false;
+    return read_until(fd, pending, redis ? "+PONG" : std::to_string(id) + " ready");
+}
+
+void compare_run(const char* name, pid_t pid, int port, bool redis, int requests, int busy)
+{
+    std::atomic<bool> stop{false};
+    std::atomic<long> served{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < busy; i++) {
+        threads.emplace_back([&, port, redis] {
+            int fd = connect_to(port);
+            std::string pending;
+            for (int id = 1; !stop && round_trip(fd, pending, redis, id); id++)
+                served++;
+            close(fd);
+        });
+    }
+    int fd = connect_to(port);
+    std::string pending;
+    round_trip(fd, pending, redis, 1); /* past the greeting */
+    while (busy > 0 && served < busy)
+        usleep(1000);
+    std::vector<double> lat;
+    long others0 = served;
+    double cpu0 = cpu_us(pid);
+    auto t0 = Clock::now();
+    for (int i = 0; i < requests; i++) {
+        auto r0 = Clock::now();
+        if (!round_trip(fd, pending, redis, i + 2))
+            break;
+        lat.push_back(std::chrono::duration<double, std::micro>(Clock::now() - r0).count());
+    }
+    double seconds = std::chrono::duration<double>(Clock::now() - t0).count();
+    double cpu = cpu_us(pid) - cpu0;
+    long others = served - others0;
+    stop = true;
+    for (std::thread& t : threads)
+        t.join();
+    close(fd);
+    if (lat.empty()) {
+        printf("%-8s %d busy: no answers\n", name, busy);
+        return;
+    }
+    std::sort(lat.begin(), lat.end());
+    double total = static_cast<double>(lat.size()) + static_cast<double>(others);
+    printf("%-8s %d busy: %6.0f requests/s, latency median %5.0f us, p99 %6.0f us; server CPU %6.1f us per request "
+           "(%.0f requests served)\n",
+           name, busy, static_cast<double>(lat.size()) / seconds, lat[lat.size() / 2], lat[lat.size() * 99 / 100],
+           cpu / total, total);
+}
+
+void versus_redis(int requests)
+{
+    Server s = start_server("real");
+    for (int busy : {0, 4})
+        compare_run("velatool", s.pid, s.port, false, requests, busy);
+    stop_server(s);
+    if (access(kRedis, X_OK) != 0) {
+        printf("redis    skipped: %s is not installed (apt-get install redis-server)\n", kRedis);
+        return;
+    }
+    int port = free_port();
+    pid_t pid = fork();
+    if (pid == 0) {
+        int null = open("/dev/null", O_WRONLY);
+        dup2(null, STDOUT_FILENO);
+        execl(kRedis, kRedis, "--port", std::to_string(port).c_str(), "--bind", "127.0.0.1", "--save", "",
+              "--appendonly", "no", static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    int probe = connect_to(port);
+    if (probe >= 0)
+        close(probe);
+    for (int busy : {0, 4})
+        compare_run("redis", pid, port, true, requests, busy);
+    kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
+}
+
 } // namespace
 
 int main(int argc, char** argv)
 {
-    int requests = argc > 1 ? atoi(argv[1]) : 10000;
     signal(SIGPIPE, SIG_IGN);
+    if (argc > 1 && strcmp(argv[1], "--redis") == 0) {
+        versus_redis(argc > 2 ? atoi(argv[2]) : 20000);
+        return 0;
+    }
+    int requests = argc > 1 ? atoi(argv[1]) : 10000;
 
     Server s = start_server("real");
     long rss0 = proc_field(s.pid, "status", "VmRSS");

@@ -3,9 +3,15 @@
 # libpng and GoogleTest come from the armhf sysroot that
 # scripts/armhf-sysroot.sh unpacks. Tests run under qemu-arm.
 #
-# time_t is 32 bits, the ABI of Debian's armhf libraries (bookworm): the
-# program links the system's libstdc++, zlib and libpng built that way. See
-# the README ("The instrument's build") for what 2038 means here.
+# time_t and file offsets are 64 bits (glibc's _TIME_BITS=64), so that the
+# clock, the RTC and every timer carry on past 2038-01-19. The libraries the
+# program links keep Debian bookworm's 32-bit time_t ABI, which is safe only
+# because none of them takes a time_t or an off_t across the interface the
+# program uses; see the README ("The instrument's build").
+set(VELA_ARMHF_FLAGS "-D_TIME_BITS=64 -D_FILE_OFFSET_BITS=64")
+set(CMAKE_C_FLAGS_INIT "${VELA_ARMHF_FLAGS}")
+set(CMAKE_CXX_FLAGS_INIT "${VELA_ARMHF_FLAGS}")
+
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR arm)
 set(CMAKE_C_COMPILER arm-linux-gnueabihf-gcc)

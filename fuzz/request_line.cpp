@@ -16,6 +16,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -121,17 +122,12 @@ struct Expect {
     std::string text; /* LINE: the line; READY, DATA_ANY: "<id> " */
 };
 
-/* Spaces outside double quotes end words; quotes stay; the last slot takes
- * the rest of the text. */
+/* Spaces outside double quotes end words; quotes stay. */
 std::vector<std::string> model_split(const std::string& s)
 {
     std::vector<std::string> words;
     size_t i = 0;
-    while (i < s.size() && words.size() < kWordsMax) {
-        if (words.size() == kWordsMax - 1) {
-            words.push_back(s.substr(i));
-            break;
-        }
+    while (i < s.size()) {
         size_t j = i;
         bool quoted = false;
         while (j < s.size() && (quoted || s[j] != ' ')) {
@@ -162,25 +158,32 @@ struct Model {
 
     void line_out(const std::string& s) { client.push_back({Expect::LINE, s}); }
 
-    void request(const std::string& raw)
+    /* overlong: the line's first kLineMax bytes; it is refused if it has
+     * an id. */
+    void request(const std::string& raw, bool overlong = false)
     {
         std::string l(raw.c_str()); /* the reader's string ends at a NUL */
         if (l.empty())
             return;
-        if (l[0] == '.') {
+        if (l[0] == '.' && !overlong) {
             open = false;
             return;
         }
         size_t p = 0;
-        uint32_t id = 0;
+        uint64_t id = 0;
         while (p < l.size() && l[p] >= '0' && l[p] <= '9')
-            id = id * 10 + static_cast<uint32_t>(l[p++] - '0');
-        if (p == 0 || p >= l.size() || l[p] != ' ')
+            id = std::min<uint64_t>(id * 10 + static_cast<uint64_t>(l[p++] - '0'), uint64_t{1} << 32);
+        if (p == 0 || p >= l.size() || l[p] != ' ' || id > INT32_MAX)
             return;
-        const std::string sid = std::to_string(static_cast<int32_t>(id));
+        const std::string sid = std::to_string(id);
         const std::vector<std::string> w = model_split(l.substr(p + 1));
-        const std::string arg = w.size() > 1 ? w[1] : "";
         line_out(sid + " ack\n");
+        if (overlong || w.size() > kWordsMax) {
+            line_out(sid + " error syntax invalid\n");
+            client.push_back({Expect::READY, sid + " "});
+            return;
+        }
+        const std::string arg = w.size() > 1 ? w[1] : "";
         bool ready = true;
         const std::string cmd = w.empty() ? std::string("\x01") : w[0];
         if (cmd == "capabilities") {
@@ -214,7 +217,8 @@ struct Model {
     }
 
     /* One chunk as the server sees it: lines end at a line end or where the
-     * available data ends; an over-long line is dropped up to its end. */
+     * available data ends; an over-long line is refused and dropped up to
+     * its line end. */
     void chunk(const std::string& bytes)
     {
         for (size_t i = 0; i < bytes.size() && open; i++) {
@@ -229,6 +233,7 @@ struct Model {
             if (discarding)
                 continue;
             if (line.size() == kLineMax) {
+                request(line, true);
                 discarding = true;
                 line.clear();
                 continue;
@@ -426,7 +431,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             fail("write", strerror(errno));
         model.chunk(chunk);
         /* one request per call, as the select loop calls it */
-        while (client->sock >= 0 && pending(client->sock) > 0) {
+        while (client->sock >= 0 && (pending(client->sock) > 0 || client_has_request(client))) {
             deal_with_data(client);
             drain(conn.client, &out);
             drain(other.client, &out_other);
@@ -437,7 +442,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     if (client->sock >= 0) {
         /* the client goes away */
         shutdown(conn.client, SHUT_WR);
-        deal_with_data(client);
+        do
+            deal_with_data(client);
+        while (client->sock >= 0 && client_has_request(client));
         if (client->sock >= 0)
             fail("the server kept a closed connection", "");
     }

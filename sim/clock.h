@@ -113,11 +113,15 @@ std::string format_wall_time(ns_t ns);
 /* "12.345678" */
 std::string format_seconds(ns_t ns);
 
+#ifndef VELASIM_WRAPPER
+/* Not for the wrappers, which may see another struct timespec than the
+ * rest of the board (sim/CMakeLists.txt). */
 struct timespec to_timespec(ns_t ns);
 inline ns_t from_timespec(const struct timespec& ts)
 {
     return int64_t{ts.tv_sec} * kSec + ts.tv_nsec;
 }
+#endif
 
 } // namespace sim
 

@@ -5,6 +5,7 @@
 #define VELASIM_SYSCALLS_H
 
 #include <dirent.h>
+#include <stddef.h>
 #include <stdint.h>
 #include <sys/timerfd.h>
 #include <sys/uio.h>
@@ -12,6 +13,7 @@
 #include <signal.h>
 #include <stdio.h>
 #include <sys/select.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 #include <time.h>
@@ -36,6 +38,39 @@ struct sim_itimerspec64 {
     struct sim_timespec64 it_interval;
     struct sim_timespec64 it_value;
 };
+/* glibc's stat record for 64-bit time_t on a 32-bit target. */
+struct sim_stat_time64 {
+    uint64_t st_dev;
+    uint64_t st_ino;
+    uint32_t st_mode;
+    uint32_t st_nlink;
+    uint32_t st_uid;
+    uint32_t st_gid;
+    uint64_t st_rdev;
+    int64_t st_size;
+    int32_t st_blksize;
+    int64_t st_blocks;
+    struct sim_timespec64 st_atim;
+    struct sim_timespec64 st_mtim;
+    struct sim_timespec64 st_ctim;
+};
+
+#if defined __cplusplus && __TIMESIZE == 32 && defined __USE_TIME_BITS64
+/* Files built with 64-bit time_t check the layouts above against the C
+ * library's own. */
+static_assert(sizeof(struct timespec) == sizeof(struct sim_timespec64) &&
+                  sizeof(struct timeval) == sizeof(struct sim_timeval64),
+              "64-bit time layouts");
+static_assert(sizeof(struct stat) == sizeof(struct sim_stat_time64) &&
+                  offsetof(struct stat, st_size) == offsetof(struct sim_stat_time64, st_size) &&
+                  offsetof(struct stat, st_atim) == offsetof(struct sim_stat_time64, st_atim),
+              "64-bit time stat layout");
+#endif
+
+/* Which record a stat call fills: struct stat, struct stat64 (as this file
+ * sees them: the wrappers are built with the C library's default time_t),
+ * or struct sim_stat_time64. */
+enum { SIM_STAT, SIM_STAT64, SIM_STAT_TIME64 };
 
 enum {
 #define SIM_FN(ret, name, ...) SIM_IDX_##name,
@@ -63,10 +98,39 @@ void sim_resolve_real(void);
  * constructor has run). */
 #define SIM_REAL(name) (sim_real_##name ? sim_real_##name : (sim_resolve_real(), sim_real_##name))
 
+#if defined __cplusplus && __TIMESIZE == 32 && defined __USE_TIME_BITS64
+/* In a file built with 64-bit time_t and file offsets, SIM_REAL(name) is
+ * the entry point of those widths that the C library's headers give name,
+ * typed as the headers declare name. */
+#define SIM_REAL_AS(name, real) \
+    reinterpret_cast<decltype(&::name)>(sim_real_##real ? sim_real_##real : (sim_resolve_real(), sim_real_##real))
+#define sim_real_lseek SIM_REAL_AS(lseek, lseek64)
+#define sim_real_pread SIM_REAL_AS(pread, pread64)
+#define sim_real_pwrite SIM_REAL_AS(pwrite, pwrite64)
+#define sim_real_mmap SIM_REAL_AS(mmap, mmap64)
+#define sim_real_fcntl SIM_REAL_AS(fcntl, __fcntl_time64)
+#define sim_real_ioctl SIM_REAL_AS(ioctl, __ioctl_time64)
+#define sim_real_select SIM_REAL_AS(select, __select64)
+#define sim_real_pselect SIM_REAL_AS(pselect, __pselect64)
+#define sim_real_ppoll SIM_REAL_AS(ppoll, __ppoll64)
+#define sim_real_nanosleep SIM_REAL_AS(nanosleep, __nanosleep64)
+#define sim_real_clock_nanosleep SIM_REAL_AS(clock_nanosleep, __clock_nanosleep_time64)
+#define sim_real_clock_gettime SIM_REAL_AS(clock_gettime, __clock_gettime64)
+#define sim_real_gettimeofday SIM_REAL_AS(gettimeofday, __gettimeofday64)
+#define sim_real_time SIM_REAL_AS(time, __time64)
+#define sim_real_timerfd_settime SIM_REAL_AS(timerfd_settime, __timerfd_settime64)
+#define sim_real_timerfd_gettime SIM_REAL_AS(timerfd_gettime, __timerfd_gettime64)
+#define sim_real_stat SIM_REAL_AS(stat, __stat64_time64)
+#define sim_real_lstat SIM_REAL_AS(lstat, __lstat64_time64)
+#define sim_real_fstatat SIM_REAL_AS(fstatat, __fstatat64_time64)
+#define sim_real_fstat SIM_REAL_AS(fstat, __fstat64_time64)
+#endif
+
 int sim_openat(int* r, int dirfd, const char* path, int flags, unsigned mode);
 int sim_fopen(FILE** r, const char* path, const char* mode);
 int sim_opendir(DIR** r, const char* path);
 int sim_close(int* r, int fd);
+int sim_bind(int* r, int fd, const struct sockaddr* addr, socklen_t len);
 int sim_dup3(int* r, int fd, int newfd, int flags, int kind);
 int sim_fcntl(int* r, int fd, int cmd, void* arg);
 int sim_read(ssize_t* r, int fd, void* buf, size_t n, size_t buflen);
@@ -111,8 +175,8 @@ int sim_timerfd_settime64(int* r, int fd, int flags, const struct sim_itimerspec
 int sim_timerfd_gettime64(int* r, int fd, struct sim_itimerspec64* cur);
 #endif
 int sim_faccessat(int* r, int dirfd, const char* path, int mode, int flags);
-int sim_fstatat(int* r, int dirfd, const char* path, void* st, int flags, int is64);
-int sim_fstat(int* r, int fd, void* st, int is64);
+int sim_fstatat(int* r, int dirfd, const char* path, void* st, int flags, int kind);
+int sim_fstat(int* r, int fd, void* st, int kind);
 int sim_unlink(int* r, const char* path, int flags);
 int sim_mkdir(int* r, const char* path, mode_t mode);
 int sim_symlink(int* r, const char* target, const char* path);

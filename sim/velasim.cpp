@@ -1,7 +1,7 @@
 /* velasim: runs a program against the simulated board, and talks to a
  * running board.
  *
- *   velasim run [--dir DIR] [--scenario FILE] [--clock MODE] -- COMMAND [ARGS...]
+ *   velasim run [--dir DIR] [--scenario FILE] [--clock MODE] [--listen-any] -- COMMAND [ARGS...]
  *   velasim ctl [--dir DIR] [--timeout SECONDS] COMMAND...
  *
  * The launcher itself is not simulated: it prepares the board's directory,
@@ -32,7 +32,7 @@ namespace {
 int usage()
 {
     fprintf(stderr,
-            "usage: velasim run [--dir DIR] [--scenario FILE] [--clock MODE] -- COMMAND [ARGS...]\n"
+            "usage: velasim run [--dir DIR] [--scenario FILE] [--clock MODE] [--listen-any] -- COMMAND [ARGS...]\n"
             "       velasim ctl [--dir DIR] [--timeout SECONDS] COMMAND...   (velasim ctl --dir DIR help)\n"
             "MODE: real (default), 'scaled K', step or warp\n");
     return 2;
@@ -77,6 +77,7 @@ long board_holder(const std::string& dir)
 int run(int argc, char** argv)
 {
     std::string dir, scenario, clock;
+    bool listen_any = false;
     int i = 2;
     for (; i < argc; i++) {
         std::string a = argv[i];
@@ -90,6 +91,8 @@ int run(int argc, char** argv)
             scenario = argv[++i];
         else if (a == "--clock" && i + 1 < argc)
             clock = argv[++i];
+        else if (a == "--listen-any")
+            listen_any = true;
         else
             return usage();
     }
@@ -149,6 +152,10 @@ int run(int argc, char** argv)
         setenv("VELASIM_CLOCK", clock.c_str(), 1);
     else
         unsetenv("VELASIM_CLOCK");
+    if (listen_any)
+        setenv("VELASIM_LISTEN_ANY", "1", 1);
+    else
+        unsetenv("VELASIM_LISTEN_ANY");
     /* A program for another machine runs under the emulator named in
      * VELASIM_EMULATOR (e.g. "qemu-arm -L /usr/arm-linux-gnueabihf"); the
      * board is preloaded into the emulated program, not the emulator. */

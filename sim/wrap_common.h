@@ -134,8 +134,28 @@ int open_node(Board& b, Node* node, int flags);
 /* Closes the device's side when the last descriptor of an open file goes. */
 void release_if_last(std::shared_ptr<OpenFile> of);
 
-/* A stat record of a node, timestamps from the board's wall clock. */
-void fill_any_stat(void* st, int is64, const std::string& path, mode_t mode, int64_t size);
+/* A stat record of a node (kind: SIM_STAT...), timestamps from the board's
+ * wall clock. */
+void fill_any_stat(void* st, int kind, const std::string& path, mode_t mode, int64_t size);
+
+/* Board nanoseconds to and from the time records of either time_t width:
+ * these files see the C library's own and the 64-bit ones of syscalls.h. */
+template <class Ts> void store_ts(Ts* ts, ns_t ns)
+{
+    ts->tv_sec = ns / kSec;
+    ts->tv_nsec = static_cast<decltype(ts->tv_nsec)>(ns % kSec);
+}
+
+template <class Tv> void store_tv(Tv* tv, ns_t ns)
+{
+    tv->tv_sec = ns / kSec;
+    tv->tv_usec = static_cast<decltype(tv->tv_usec)>((ns % kSec) / 1000);
+}
+
+template <class Ts> ns_t ts_ns(const Ts& ts)
+{
+    return int64_t{ts.tv_sec} * kSec + ts.tv_nsec;
+}
 
 /* A sleep on the running board, in board time: false when the board is not
  * running or the call is the sim's own (the real function then sleeps);

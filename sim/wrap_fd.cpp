@@ -155,7 +155,8 @@ template <class St> void fill_stat(St* st, const std::string& path, mode_t mode,
     st->st_dev = makedev(0, 0x5e);
     if (S_ISCHR(mode))
         st->st_rdev = makedev(89, st->st_ino & 0xff);
-    st->st_atim = st->st_mtim = st->st_ctim = to_timespec(sim::clock().realtime());
+    store_ts(&st->st_atim, sim::clock().realtime());
+    st->st_mtim = st->st_ctim = st->st_atim;
 }
 
 int seek_common(int64_t* r, int fd, int64_t off, int whence);
@@ -164,9 +165,13 @@ int seek_common(int64_t* r, int fd, int64_t off, int whence);
 
 namespace sim {
 
-void fill_any_stat(void* st, int is64, const std::string& path, mode_t mode, int64_t size)
+void fill_any_stat(void* st, int kind, const std::string& path, mode_t mode, int64_t size)
 {
-    if (is64)
+#if __TIMESIZE == 32
+    if (kind == SIM_STAT_TIME64)
+        return fill_stat(static_cast<struct sim_stat_time64*>(st), path, mode, size);
+#endif
+    if (kind == SIM_STAT64)
         fill_stat(static_cast<struct stat64*>(st), path, mode, size);
     else
         fill_stat(static_cast<struct stat*>(st), path, mode, size);
@@ -392,12 +397,12 @@ int sim_munmap(int* r, void* addr, size_t len)
     return board_result(r, e, node->munmap(addr, len));
 }
 
-int sim_fstat(int* r, int fd, void* st, int is64)
+int sim_fstat(int* r, int fd, void* st, int kind)
 {
     FdCall c(fd);
     if (!c.ours())
         return 0;
-    fill_any_stat(st, is64, c.of->node->path(), c.of->node->mode(), c.of->node->size());
+    fill_any_stat(st, kind, c.of->node->path(), c.of->node->mode(), c.of->node->size());
     *r = 0;
     return 1;
 }

@@ -113,6 +113,18 @@ int sandbox_fault(const std::string& path, const char* op)
     return f.err != 0 ? f.err : EIO;
 }
 
+/* The host's stat of a sandbox file, into the record the caller passed. */
+int real_fstatat(const char* path, void* st, int flags, int kind)
+{
+#if __TIMESIZE == 32
+    if (kind == SIM_STAT_TIME64)
+        return SIM_REAL(__fstatat64_time64)(AT_FDCWD, path, static_cast<struct sim_stat_time64*>(st), flags);
+#endif
+    if (kind == SIM_STAT64)
+        return SIM_REAL(fstatat64)(AT_FDCWD, path, static_cast<struct stat64*>(st), flags);
+    return SIM_REAL(fstatat)(AT_FDCWD, path, static_cast<struct stat*>(st), flags);
+}
+
 } // namespace
 
 extern "C" {
@@ -240,7 +252,7 @@ int sim_faccessat(int* r, int dirfd, const char* path, int mode, int flags)
     return 0;
 }
 
-int sim_fstatat(int* r, int dirfd, const char* path, void* st, int flags, int is64)
+int sim_fstatat(int* r, int dirfd, const char* path, void* st, int flags, int kind)
 {
     PathCall c(dirfd, path);
     const Resolved& res = c.res;
@@ -252,15 +264,13 @@ int sim_fstatat(int* r, int dirfd, const char* path, void* st, int flags, int is
     case Resolved::Directory:
     case Resolved::NodeFile:
         if (res.node != nullptr)
-            fill_any_stat(st, is64, res.path, res.node->mode(), res.node->size());
+            fill_any_stat(st, kind, res.path, res.node->mode(), res.node->size());
         else
-            fill_any_stat(st, is64, res.path, S_IFDIR | 0755, 0);
+            fill_any_stat(st, kind, res.path, S_IFDIR | 0755, 0);
         *r = 0;
         return 1;
     case Resolved::Sandbox:
-        if (is64)
-            return real_result(r, c.err, SIM_REAL(fstatat64)(AT_FDCWD, res.sandbox.c_str(), static_cast<struct stat64*>(st), flags));
-        return real_result(r, c.err, SIM_REAL(fstatat)(AT_FDCWD, res.sandbox.c_str(), static_cast<struct stat*>(st), flags));
+        return real_result(r, c.err, real_fstatat(res.sandbox.c_str(), st, flags, kind));
     }
     return 0;
 }

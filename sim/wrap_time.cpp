@@ -1,5 +1,6 @@
 /* Wrapped clocks and timer descriptors: on a running board the program's
  * time is the board's. */
+#include <limits>
 #include <sys/time.h>
 
 #include "timerfd.h"
@@ -16,23 +17,43 @@ bool board_clock(clockid_t id, ns_t* value)
     return !g.nested() && Board::active() && sim::clock().read(id, value);
 }
 
-template <class Ts> void store_ts(Ts* ts, ns_t ns)
+/* The board's clock in the caller's record. A 32-bit time_t cannot hold a
+ * wall clock past 2038-01-19T03:14:07Z: the C library's 32-bit entry
+ * points then fail with EOVERFLOW, and so do these. */
+template <class Rec> int clock_core(int* r, clockid_t id, Rec* rec, void (*store)(Rec*, ns_t))
 {
-    ts->tv_sec = ns / kSec;
-    ts->tv_nsec = static_cast<decltype(ts->tv_nsec)>(ns % kSec);
+    ns_t v;
+    if (rec == nullptr || !board_clock(id, &v))
+        return 0;
+    if (v / kSec > std::numeric_limits<decltype(rec->tv_sec)>::max()) {
+        ErrnoKeeper e;
+        return fail(r, e, EOVERFLOW);
+    }
+    store(rec, v);
+    *r = 0;
+    return 1;
 }
 
-template <class Tv> void store_tv(Tv* tv, ns_t ns)
+template <class T> int time_core(T* r, T* t)
 {
-    tv->tv_sec = ns / kSec;
-    tv->tv_usec = static_cast<decltype(tv->tv_usec)>((ns % kSec) / 1000);
+    ns_t v;
+    if (!board_clock(CLOCK_REALTIME, &v))
+        return 0;
+    if (v / kSec > std::numeric_limits<T>::max()) {
+        ErrnoKeeper e;
+        return fail(r, e, EOVERFLOW);
+    }
+    *r = static_cast<T>(v / kSec);
+    if (t != nullptr)
+        *t = *r;
+    return 1;
 }
 
 template <class Ts> bool load_ts(const Ts& ts, ns_t* ns)
 {
     if (ts.tv_sec < 0 || ts.tv_nsec < 0 || ts.tv_nsec >= kSec)
         return false;
-    *ns = static_cast<ns_t>(ts.tv_sec) * kSec + ts.tv_nsec;
+    *ns = ts_ns(ts);
     return true;
 }
 
@@ -74,33 +95,17 @@ extern "C" {
 
 int sim_clock_gettime(int* r, clockid_t id, struct timespec* ts)
 {
-    ns_t v;
-    if (ts == nullptr || !board_clock(id, &v))
-        return 0;
-    store_ts(ts, v);
-    *r = 0;
-    return 1;
+    return clock_core(r, id, ts, store_ts);
 }
 
 int sim_gettimeofday(int* r, struct timeval* tv, void* tz)
 {
-    ns_t v;
-    if (tv == nullptr || tz != nullptr || !board_clock(CLOCK_REALTIME, &v))
-        return 0;
-    store_tv(tv, v);
-    *r = 0;
-    return 1;
+    return tz == nullptr ? clock_core(r, CLOCK_REALTIME, tv, store_tv) : 0;
 }
 
 int sim_time(time_t* r, time_t* t)
 {
-    ns_t v;
-    if (!board_clock(CLOCK_REALTIME, &v))
-        return 0;
-    *r = static_cast<time_t>(v / kSec);
-    if (t != nullptr)
-        *t = *r;
-    return 1;
+    return time_core(r, t);
 }
 
 int sim_timerfd_create(int* r, clockid_t clock, int flags)
@@ -127,33 +132,17 @@ int sim_timerfd_gettime(int* r, int fd, struct itimerspec* cur)
 #if __TIMESIZE == 32
 int sim_clock_gettime64(int* r, clockid_t id, struct sim_timespec64* ts)
 {
-    ns_t v;
-    if (ts == nullptr || !board_clock(id, &v))
-        return 0;
-    store_ts(ts, v);
-    *r = 0;
-    return 1;
+    return clock_core(r, id, ts, store_ts);
 }
 
 int sim_gettimeofday64(int* r, struct sim_timeval64* tv, void* tz)
 {
-    ns_t v;
-    if (tv == nullptr || tz != nullptr || !board_clock(CLOCK_REALTIME, &v))
-        return 0;
-    store_tv(tv, v);
-    *r = 0;
-    return 1;
+    return tz == nullptr ? clock_core(r, CLOCK_REALTIME, tv, store_tv) : 0;
 }
 
 int sim_time64(int64_t* r, int64_t* t)
 {
-    ns_t v;
-    if (!board_clock(CLOCK_REALTIME, &v))
-        return 0;
-    *r = v / kSec;
-    if (t != nullptr)
-        *t = *r;
-    return 1;
+    return time_core(r, t);
 }
 
 int sim_timerfd_settime64(int* r, int fd, int flags, const struct sim_itimerspec64* value,

@@ -123,10 +123,8 @@ template <class Ts> int nanosleep_core(int* r, clockid_t clock, int flags, ns_t 
     int res;
     if (!board_sleep(span, &left, &res))
         return 0;
-    if (res < 0 && rem != nullptr && !(flags & TIMER_ABSTIME)) {
-        rem->tv_sec = left / kSec;
-        rem->tv_nsec = static_cast<decltype(rem->tv_nsec)>(left % kSec);
-    }
+    if (res < 0 && rem != nullptr && !(flags & TIMER_ABSTIME))
+        store_ts(rem, left);
     if (errno_style) /* clock_nanosleep returns the error number */
         return *r = res < 0 ? -res : 0, 1;
     return res < 0 ? fail(r, e, -res) : (*r = 0, 1);
@@ -144,7 +142,7 @@ extern "C" {
 int sim_poll(int* r, struct pollfd* fds, nfds_t n, int timeout_ms, const struct timespec* ts, const sigset_t* mask)
 {
     /* ppoll passes -1 here: with a null time-out it waits for ever. */
-    ns_t timeout = ts != nullptr ? from_timespec(*ts) : timeout_ms < 0 ? -1 : timeout_ms * kMs;
+    ns_t timeout = ts != nullptr ? ts_ns(*ts) : timeout_ms < 0 ? -1 : timeout_ms * kMs;
     return poll_core(r, fds, n, timeout, mask);
 }
 
@@ -155,15 +153,12 @@ int sim_select(int* r, int n, fd_set* rd, fd_set* wr, fd_set* ex, struct timeval
     if (tv != nullptr)
         timeout = int64_t{tv->tv_sec} * kSec + int64_t{tv->tv_usec} * 1000;
     else if (ts != nullptr)
-        timeout = from_timespec(*ts);
+        timeout = ts_ns(*ts);
     ns_t left = 0;
     if (!select_core(r, n, rd, wr, ex, timeout, mask, &left))
         return 0;
-    if (tv != nullptr) {
-        /* Linux leaves the time not slept in the caller's timeval. */
-        tv->tv_sec = static_cast<time_t>(left / kSec);
-        tv->tv_usec = static_cast<suseconds_t>((left % kSec) / 1000);
-    }
+    if (tv != nullptr)
+        store_tv(tv, left); /* Linux leaves the time not slept in the caller's timeval */
     return 1;
 }
 
@@ -222,22 +217,20 @@ int sim_select64(int* r, int n, fd_set* rd, fd_set* wr, fd_set* ex, struct sim_t
     ns_t left = 0;
     if (!select_core(r, n, rd, wr, ex, timeout, nullptr, &left))
         return 0;
-    if (tv != nullptr) {
-        tv->tv_sec = left / kSec;
-        tv->tv_usec = (left % kSec) / 1000;
-    }
+    if (tv != nullptr)
+        store_tv(tv, left);
     return 1;
 }
 
 int sim_pselect64(int* r, int n, fd_set* rd, fd_set* wr, fd_set* ex, const struct sim_timespec64* ts,
                   const sigset_t* mask)
 {
-    return select_core(r, n, rd, wr, ex, ts == nullptr ? -1 : ts->tv_sec * kSec + ts->tv_nsec, mask, nullptr);
+    return select_core(r, n, rd, wr, ex, ts == nullptr ? -1 : ts_ns(*ts), mask, nullptr);
 }
 
 int sim_ppoll64(int* r, struct pollfd* fds, nfds_t n, const struct sim_timespec64* ts, const sigset_t* mask)
 {
-    return poll_core(r, fds, n, ts == nullptr ? -1 : ts->tv_sec * kSec + ts->tv_nsec, mask);
+    return poll_core(r, fds, n, ts == nullptr ? -1 : ts_ns(*ts), mask);
 }
 #endif
 

@@ -12,6 +12,7 @@
 #include "measurement.h"
 #include "messages.h"
 #include "mtrace.h"
+#include "util.h"
 
 /* Room a get handler may use in tbuffer, as the channel table grants it. */
 
@@ -61,8 +62,8 @@ int cb_speed_get(struct client_s* /*client*/, char* value)
 int cb_speed_set(struct client_s* client, const char* value)
 {
     MTRACE(4, "cb_speed_set(): %s", value);
-    double v = atof(value);
-    if (!within(v, 0.1, 1.0))
+    double v;
+    if (util_parse_double(value, &v) < 0 || !within(v, 0.1, 1.0))
         return out_of_range(client);
     state.speed = v;
     return 0;
@@ -113,8 +114,8 @@ int cb_f_get(struct client_s* /*client*/, char* value)
  * programmed when it is entered next. */
 int cb_f_set(struct client_s* client, const char* value)
 {
-    double v = atof(value);
-    if (!within(v, 19000.0, 21000.0))
+    double v;
+    if (util_parse_double(value, &v) < 0 || !within(v, 19000.0, 21000.0))
         return out_of_range(client);
     state.f = v;
     MTRACE(3, "cb_f_set(): updating sine frequency to %.0f Hz\n", state.f);
@@ -138,8 +139,8 @@ int cb_x_corr_get(struct client_s* /*client*/, char* value)
 int cb_x_corr_set(struct client_s* client, const char* value)
 {
     MTRACE(4, "cb_x_corr_set(): %s", value);
-    double v = atof(value);
-    if (!within(v, 0.7, 1.3))
+    double v;
+    if (util_parse_double(value, &v) < 0 || !within(v, 0.7, 1.3))
         return out_of_range(client);
     state.x_corr = v;
     if (MIniData_SetDoubleEntry(state.h_ini, "motor", "x_corr", v))
@@ -156,8 +157,8 @@ int cb_w_offset_get(struct client_s* /*client*/, char* value)
 int cb_w_offset_set(struct client_s* client, const char* value)
 {
     MTRACE(4, "cb_w_offset_set(): %s", value);
-    int v = atoi(value);
-    if (v < 0 || v > 65535)
+    int v;
+    if (util_parse_int(value, &v) < 0 || v < 0 || v > 65535)
         return out_of_range(client);
     state.w_offset = (uint16_t)v;
     if (MIniData_SetLongEntry(state.h_ini, "channel", "w_offset", v))
@@ -175,8 +176,8 @@ int cb_w_scale_get(struct client_s* /*client*/, char* value)
 int cb_w_scale_set(struct client_s* client, const char* value)
 {
     MTRACE(4, "cb_w_scale_set(): %s", value);
-    double v = atof(value);
-    if (!within(v, 0.0, 1.0))
+    double v;
+    if (util_parse_double(value, &v) < 0 || !within(v, 0.0, 1.0))
         return out_of_range(client);
     state.w_scale = v;
     if (MIniData_SetDoubleEntry(state.h_ini, "channel", "w_scale", v))
@@ -195,8 +196,8 @@ int cb_w_ov_min_get(struct client_s* /*client*/, char* value)
 int cb_w_ov_min_set(struct client_s* client, const char* value)
 {
     MTRACE(4, "cb_w_ov_min_set(): %s", value);
-    int v = atoi(value);
-    if (v < 0 || v > 65535)
+    int v;
+    if (util_parse_int(value, &v) < 0 || v < 0 || v > 65535)
         return out_of_range(client);
     state.w_ov_min = (uint16_t)v;
     return 0;
@@ -212,8 +213,8 @@ int cb_w_ov_max_get(struct client_s* /*client*/, char* value)
 int cb_w_ov_max_set(struct client_s* client, const char* value)
 {
     MTRACE(4, "cb_w_ov_max_set(): %s", value);
-    int v = atoi(value);
-    if (v < 0)
+    int v;
+    if (util_parse_int(value, &v) < 0 || v < 0)
         return out_of_range(client);
     if (v > 65535)
         v = 65535;
@@ -228,8 +229,8 @@ int cb_w_ov_max_set(struct client_s* client, const char* value)
 int cb_w_xref1_set(struct client_s* client, const char* value)
 {
     MTRACE(3, "cb_w_xref1_set(): %s", value);
-    double x = atof(value);
-    if (!within(x, XREF_MIN, XREF_MAX))
+    double x;
+    if (util_parse_double(value, &x) < 0 || !within(x, XREF_MIN, XREF_MAX))
         return out_of_range(client);
     if (need_meas(client) < 0)
         return -1;
@@ -269,8 +270,8 @@ int cb_w_xref2_set(struct client_s* client, const char* value)
         remote_error(client, msg.err_set_xref1_first);
         return -1;
     }
-    double xref2 = atof(value);
-    if (!within(xref2, XREF_MIN, XREF_MAX))
+    double xref2;
+    if (util_parse_double(value, &xref2) < 0 || !within(xref2, XREF_MIN, XREF_MAX))
         return out_of_range(client);
 
     uint16_t wref2 = live_raw();
@@ -327,8 +328,8 @@ int cb_phase_get(struct client_s* /*client*/, char* value)
 int cb_phase_set(struct client_s* client, const char* value)
 {
     MTRACE(4, "cb_phase_set(): %s", value);
-    int v = atoi(value);
-    if (v < 0 || v > 31)
+    int v;
+    if (util_parse_int(value, &v) < 0 || v < 0 || v > 31)
         return out_of_range(client);
     state.phase = v;
     return 0;

@@ -166,8 +166,8 @@ static int cb_blight_get(struct client_s* client, char* value)
 static int cb_blight_set(struct client_s* client, const char* value)
 {
     MTRACE(4, "cb_blight_set(): %s", value);
-    int v = atoi(value);
-    if (v < 0 || v > 100) {
+    int v;
+    if (util_parse_int(value, &v) < 0 || v < 0 || v > 100) {
         remote_error(client, msg.value_out_of_range);
         return -1;
     }
@@ -200,8 +200,8 @@ static int cb_opto_rs232_set(struct client_s* /*client*/, const char* value)
 static int cb_usbhost_set(struct client_s* client, const char* value)
 {
     MTRACE(4, "cb_usbhost_set(): %s", value);
-    int v = atoi(value);
-    if (v != 0 && v != 1) {
+    int v;
+    if (util_parse_int(value, &v) < 0 || (v != 0 && v != 1)) {
         remote_error(client, msg.value_out_of_range);
         return -1;
     }
@@ -215,8 +215,8 @@ static int cb_usbhost_set(struct client_s* client, const char* value)
 static int cb_mass_storage_set(struct client_s* client, const char* value)
 {
     MTRACE(4, "cb_mass_storage_set(): %s", value);
-    int v = atoi(value);
-    if (v != 0 && v != 1) {
+    int v;
+    if (util_parse_int(value, &v) < 0 || (v != 0 && v != 1)) {
         remote_error(client, msg.value_out_of_range);
         return -1;
     }
@@ -244,9 +244,13 @@ static int cb_hwclock_set(struct client_s* client, const char* value)
 
 /* ---- Trace level ---- */
 
-static int cb_tracelevel_set(struct client_s* /*client*/, const char* value)
+static int cb_tracelevel_set(struct client_s* client, const char* value)
 {
-    int level = atoi(value);
+    int level;
+    if (util_parse_int(value, &level) < 0) {
+        remote_error(client, msg.value_out_of_range);
+        return -1;
+    }
     if (level < MTRACE_LEVEL_MIN || level > MTRACE_LEVEL_MAX)
         return -1;
     MTRACE_ALWAYS("Setting tracelevel to %d\n", level);

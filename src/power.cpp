@@ -102,7 +102,7 @@ int vela_rtc_alarm(uint32_t seconds)
         close(fd);
         return -1;
     }
-    MTRACE(3, "rtctime = %ld, (UTC) %s", (long)now, asctime(&tm));
+    MTRACE(3, "rtctime = %lld, (UTC) %s", (long long)now, asctime(&tm));
     time_t alarm = now + (time_t)seconds + 1;
     MTRACE(3, "wakeup using %s at %s", rtc_device, ctime(&alarm));
 

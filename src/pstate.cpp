@@ -16,6 +16,7 @@
 #include "nv.h"
 #include "power.h"
 #include "scanmove.h"
+#include "util.h"
 
 /* Room for a get handler's number in tbuffer. */
 #define PSTATE_VALUE_MAX 16
@@ -45,7 +46,8 @@ int cb_pstate_get(struct client_s* client, char* value)
 int cb_pstate_set(struct client_s* client, const char* value)
 {
     MTRACE(4, "cb_pstate_set(): %s", value);
-    int target = atoi(value);
+    int target = 0;
+    util_parse_int(value, &target); /* or a state's name */
     if (target < 1) {
         for (int i = 0; i < 5; i++) {
             if (strcmp(value, pstate_names[i]) == 0)
@@ -264,7 +266,7 @@ int do_suspend(void)
 
         if (state.sleep_time != 0) {
             time_t now = time(NULL);
-            MTRACE(3, "checking sleep_time: now=%d, resume_time=%d", (int)now, (int)resume_time);
+            MTRACE(3, "checking sleep_time: now=%lld, resume_time=%lld", (long long)now, (long long)resume_time);
             if (now > resume_time) {
                 MTRACE(3, "wake up elapsed sleep_time");
                 shutdown = 1;
@@ -288,7 +290,8 @@ int cb_sleep_time_get(struct client_s* client, char* value)
 
 int cb_sleep_time_set(struct client_s* client, const char* value)
 {
-    int v = atoi(value);
+    int v = -1;
+    util_parse_int(value, &v);
     MTRACE(3, "cb_sleep_time_set(): %s -> %d", value, v);
     if (v < 0 || v > SLEEP_TIME_MAX) {
         remote_error(client, msg.value_out_of_range);

@@ -3,6 +3,7 @@
 #ifndef VELA_REMOTE_H
 #define VELA_REMOTE_H
 
+#include <stddef.h>
 #include <stdint.h>
 #include <time.h>
 
@@ -15,12 +16,28 @@
 #define REMOTE_WORDS_MAX 20   /* words of one request */
 #define REMOTE_AI_CHANNELS 17 /* the stored autoinfo get vector */
 #define TBUFFER_SIZE 4096
+#define REMOTE_IN_SIZE 4096          /* input read ahead of the request served */
+#define REMOTE_OUT_MAX (256 * 1024)  /* replies a client may leave unread */
+#define REMOTE_SNDBUF (32 * 1024)    /* a client socket's kernel send buffer */
 
 struct client_s {
-    int sock;                 /* -1: the slot is free */
-    int idx;                  /* 0..4 */
-    int current_id;           /* id of the request most recently received */
-    struct timespec ts_start; /* when that request was acknowledged (monotonic) */
+    int sock = -1;                 /* -1: the slot is free */
+    int idx = 0;                   /* 0..4 */
+    int current_id = 0;            /* id of the request most recently received */
+    struct timespec ts_start = {}; /* when that request was acknowledged (monotonic) */
+    /* Input read but not served yet; in_discard: dropping the rest of an
+     * over-long line; in_eof: the peer has closed its side. */
+    char in[REMOTE_IN_SIZE] = {};
+    size_t in_len = 0;
+    int in_discard = 0;
+    int in_eof = 0;
+    /* Whole lines the socket has not taken yet, out[out_head..out_head +
+     * out_len); out_full: a line did not fit, the client is to be dropped. */
+    char* out = nullptr;
+    size_t out_head = 0;
+    size_t out_len = 0;
+    size_t out_cap = 0;
+    int out_full = 0;
 };
 
 struct state_s {
@@ -88,8 +105,15 @@ struct client_s* remote_client(int idx);
 /* Shared by the event lines and the handlers' replies. */
 extern char tbuffer[TBUFFER_SIZE];
 
-/* Reply lines: one write() each; -1 without writing for a free slot. */
+/* Reply lines. A line goes to the client's output queue behind what its
+ * socket has not taken yet, whole or not at all; -1 without sending for a
+ * free slot. sock_puts on a descriptor that is no client's writes directly. */
 int sock_puts(int fd, const char* s);
+int client_puts(struct client_s* client, const char* s, size_t len);
+/* Writes what the socket takes of the queue; -1 when the connection failed. */
+int client_flush(struct client_s* client);
+/* Forgets queued output and frees the queue (the slot is closed). */
+void client_drop_output(struct client_s* client);
 int remote_error(struct client_s* client, const char* text);
 int remote_warn(struct client_s* client, const char* text);
 int remote_id_error(struct client_s* client, int id, const char* text);
@@ -106,7 +130,11 @@ int remote_event(const char* text);
 /* Connections */
 int setnonblocking(int sock);
 int handle_new_connection(void);
+/* Serves at most one request of the client, reading once if none is
+ * waiting in its input. */
 void deal_with_data(struct client_s* client);
+/* Does the client's input hold a request (or its end) to serve now? */
+int client_has_request(const struct client_s* client);
 void handle_opto_rs232(void);
 
 /* The server */

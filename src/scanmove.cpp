@@ -16,6 +16,7 @@
 #include "motorctrl.h"
 #include "mtrace.h"
 #include "nv.h"
+#include "util.h"
 #include "velatool.h"
 
 #define SCAN_TICK_MS 100
@@ -133,18 +134,20 @@ int cb_scan(struct client_s* client, int argc, char** argv)
     int tt_ms;
     int travel;
     if (argv[1][0] == 'x') {
-        d_lt = atof(eq + 1);
+        d_lt = 0.0;
+        int bad = util_parse_double(eq + 1, &d_lt);
         MTRACE(4, "cb_scan(): lt=%1.2f", d_lt);
-        if (d_lt > 17.5 || d_lt < 0.1) {
+        if (bad || d_lt > 17.5 || d_lt < 0.1) {
             remote_error(client, msg.value_out_of_range);
             return -1;
         }
         tt_ms = (int)(d_lt * 1000 / state.speed);
         travel = 1;
     } else if (strncmp(argv[1], "time", 4) == 0) {
-        double d_t = atof(eq + 1);
+        double d_t = 0.0;
+        int bad = util_parse_double(eq + 1, &d_t);
         MTRACE(4, "cb_scan(): t=%1.2f\n", d_t);
-        if (d_t > 40.0 || d_t < 0.1) {
+        if (bad || d_t > 40.0 || d_t < 0.1) {
             remote_error(client, msg.value_out_of_range);
             return -1;
         }

@@ -2,6 +2,7 @@
  * timers and event sources. */
 #include <arpa/inet.h>
 #include <ctype.h>
+#include <limits.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <linux/input.h>
@@ -30,10 +31,6 @@
 #include "velatool.h"
 
 /* ---- Connections ---- */
-
-/* A line longer than the buffer is dropped whole: the slot discards input
- * up to the line's end, so that its tail is never taken for a request. */
-static int discarding[REMOTE_CLIENTS];
 
 int setnonblocking(int sock)
 {
@@ -68,6 +65,11 @@ int handle_new_connection(void)
      * second would wait for the client's delayed acknowledgement. */
     int on = 1;
     setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    /* A fixed kernel buffer: grown by the kernel (to megabytes), it would
+     * hold far more of a slow client's replies than the output queue's
+     * bound allows, on a board with little memory. */
+    int sndbuf = REMOTE_SNDBUF;
+    setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &sndbuf, sizeof sndbuf);
     for (int i = 0; i < REMOTE_CLIENTS; i++) {
         struct client_s* client = remote_client(i);
         if (client->sock != -1)
@@ -75,7 +77,6 @@ int handle_new_connection(void)
         MTRACE(3, "handle_new_connection(): Connection accepted: FD=%d; Slot=%d", fd, i);
         client->sock = fd;
         client->idx = i;
-        discarding[i] = 0;
         int bstate = 0, level = 0;
         vela_batt_state_get(&bstate, &level);
         vela_send_battery_event(client, bstate);
@@ -93,88 +94,139 @@ static void close_client(struct client_s* client)
 {
     close(client->sock);
     client->sock = -1;
+    client->in_len = 0;
+    client->in_discard = 0;
+    client->in_eof = 0;
+    client_drop_output(client);
 }
 
-/* At most this much of an over-long line is skipped per call, so that a
- * client sending one without end never holds the loop from the others. */
-#define DISCARD_PER_CALL 65536
-
-/* A read that failed for another reason than "nothing more now": the
- * connection is gone (reset by the peer, say) as surely as a closed one. */
-static int connection_lost(ssize_t n)
+static void lose_client(struct client_s* client)
 {
-    return n == 0 || (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR);
+    MTRACE(3, "deal_with_data(): Connection lost: sock=%d, idx=%d", client->sock, client->idx);
+    close_client(client);
+    do_abort(client, -1); /* what this client started must not run on */
 }
 
-/* Skips the rest of an over-long line, in large reads rather than byte by
- * byte: looks at what has come and takes it up to and including the line
- * end, if there is one. 0 when the connection is gone, else -1 (nothing to
- * run). */
-static int discard_line(struct client_s* client)
+/* Where the first line of the input ends; in_len if it has no end yet. */
+static size_t line_end(const struct client_s* client)
 {
-    char buf[4096];
-    for (size_t done = 0; done < DISCARD_PER_CALL;) {
-        ssize_t n = recv(client->sock, buf, sizeof buf, MSG_PEEK);
-        if (n <= 0)
-            return connection_lost(n) ? 0 : -1;
-        size_t take = (size_t)n;
-        int end = 0;
-        for (size_t i = 0; i < (size_t)n && !end; i++) {
-            if (buf[i] == '\n' || buf[i] == '\r') {
-                take = i + 1;
-                end = 1;
-            }
-        }
-        ssize_t r = read(client->sock, buf, take);
-        if (r <= 0)
-            return connection_lost(r) ? 0 : -1;
-        if (end) {
-            discarding[client->idx] = 0;
-            return -1;
-        }
-        done += (size_t)r;
+    for (size_t i = 0; i < client->in_len; i++) {
+        if (client->in[i] == '\n' || client->in[i] == '\r')
+            return i;
     }
-    return -1;
+    return client->in_len;
 }
 
-/* Reads one line: 1 with a line, 0 when the connection is gone, -1 while
- * an over-long line is being discarded. */
-static int read_line(struct client_s* client, char* line)
+/* One read() of whatever has come, behind the input not served yet. When
+ * the read leaves the socket empty, an unterminated request is complete:
+ * it gets a line end of its own. Returns -1 when the connection failed. */
+static int fill_input(struct client_s* client)
 {
-    if (discarding[client->idx])
-        return discard_line(client);
-    size_t n = 0;
+    size_t room = sizeof client->in - client->in_len - 1; /* one for the added line end */
+    if (room == 0 || client->in_eof)
+        return 0;
+    ssize_t n = read(client->sock, client->in + client->in_len, room);
+    if (n < 0)
+        return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR ? 0 : -1;
+    if (n == 0)
+        client->in_eof = 1;
+    client->in_len += (size_t)n;
+    /* The unterminated tail: a request of its own, unless it belongs to an
+     * over-long line, whose rest is dropped up to a real line end. */
+    int drained = n == 0 || (size_t)n < room;
+    size_t tail = 0;
+    while (tail < client->in_len && client->in[client->in_len - 1 - tail] != '\n' &&
+           client->in[client->in_len - 1 - tail] != '\r')
+        tail++;
+    int whole_input = tail == client->in_len; /* no line end in it */
+    if (drained && tail > 0 && tail < REMOTE_LINE_MAX && !(client->in_discard && whole_input))
+        client->in[client->in_len++] = '\n';
+    return 0;
+}
+
+static void consume_input(struct client_s* client, size_t n)
+{
+    client->in_len -= n;
+    memmove(client->in, client->in + n, client->in_len);
+}
+
+/* The id in front of a request: its digits followed by one space, at most
+ * INT_MAX. -1 when there is none (such a line gets no reply). */
+static int parse_id(const char* text, const char** command)
+{
+    if (!isdigit((unsigned char)text[0])) {
+        MTRACE(3, "deal_with_data(): error: data does not start with digit(s)");
+        return -1;
+    }
+    long long id = 0;
+    const char* p = text;
+    while (isdigit((unsigned char)*p)) {
+        /* Wrapping would answer under another client request's id, or as
+         * an event. */
+        if (id <= INT_MAX)
+            id = id * 10 + (*p - '0');
+        p++;
+    }
+    MTRACE(4, "deal_with_data(): ID=%lld", id);
+    if (id > INT_MAX) {
+        MTRACE(3, "deal_with_data(): error: id above %d", INT_MAX);
+        return -1;
+    }
+    if (*p != ' ') {
+        MTRACE(3, "deal_with_data(): error: no space after id");
+        return -1;
+    }
+    *command = p + 1;
+    return (int)id;
+}
+
+/* Takes the next request line out of the input into line: 1 with a line,
+ * 0 with nothing to serve, 2 for an over-long line (its start in line, its
+ * rest dropped up to its line end, however long that takes). Empty lines
+ * are skipped. */
+static int next_line(struct client_s* client, char* line)
+{
     for (;;) {
-        char c;
-        ssize_t r = read(client->sock, &c, 1);
-        if (r <= 0) {
-            if (connection_lost(r))
+        size_t end = line_end(client);
+        if (client->in_discard) {
+            if (end == client->in_len) {
+                client->in_len = 0;
                 return 0;
-            break; /* nothing more now: the request is what came */
+            }
+            consume_input(client, end + 1);
+            client->in_discard = 0;
+            continue;
         }
-        if (c == '\n' || c == '\r')
-            break;
-        if (n == REMOTE_LINE_MAX - 1) {
+        if (end >= REMOTE_LINE_MAX) {
             MTRACE(3, "deal_with_data(): error: line longer than %d bytes dropped", REMOTE_LINE_MAX - 1);
-            discarding[client->idx] = 1;
-            return discard_line(client);
+            memcpy(line, client->in, REMOTE_LINE_MAX - 1);
+            line[REMOTE_LINE_MAX - 1] = '\0';
+            client->in_discard = end == client->in_len;
+            consume_input(client, client->in_discard ? end : end + 1);
+            return 2;
         }
-        line[n++] = c;
+        if (end == client->in_len)
+            return 0;
+        memcpy(line, client->in, end);
+        line[end] = '\0';
+        consume_input(client, end + 1);
+        if (end > 0)
+            return 1;
     }
-    line[n] = '\0';
-    return 1;
 }
 
 /* Splits in place at spaces outside double quotes; the quotes stay in the
- * word. Words past the last slot stay in the last one. */
+ * word. -1 when there are more words than a request holds. */
 static int split_words(char* text, char** argv)
 {
     int argc = 0;
     char* p = text;
-    while (*p != '\0' && argc < REMOTE_WORDS_MAX) {
+    while (*p != '\0') {
+        if (argc == REMOTE_WORDS_MAX)
+            return -1;
         argv[argc++] = p;
         int quoted = 0;
-        while (*p != '\0' && (quoted || *p != ' ' || argc == REMOTE_WORDS_MAX)) {
+        while (*p != '\0' && (quoted || *p != ' ')) {
             if (*p == '"')
                 quoted = !quoted;
             p++;
@@ -185,51 +237,27 @@ static int split_words(char* text, char** argv)
     return argc;
 }
 
-void deal_with_data(struct client_s* client)
+/* Acknowledges the request and runs it. */
+static void run_request(struct client_s* client, char* command, int well_formed)
 {
-    char line[REMOTE_LINE_MAX];
-    int got = read_line(client, line);
-    if (got == 0) {
-        MTRACE(3, "deal_with_data(): Connection lost: sock=%d, idx=%d", client->sock, client->idx);
-        close_client(client);
-        do_abort(client, -1); /* what this client started must not run on */
-        return;
-    }
-    if (got < 0 || line[0] == '\0')
-        return;
-    MTRACE(4, "deal_with_data(): [%s]", line);
-    if (line[0] == '.') {
-        MTRACE(3, "deal_with_data(): Closing connection: FD=%d;  Slot=%d", client->sock, client->idx);
-        do_abort(client, -1);
-        close_client(client);
-        return;
-    }
-    if (!isdigit((unsigned char)line[0])) {
-        MTRACE(3, "deal_with_data(): error: data does not start with digit(s)");
-        return;
-    }
-    char* p = line;
-    unsigned id = 0;
-    while (isdigit((unsigned char)*p))
-        id = id * 10 + (unsigned)(*p++ - '0');
-    MTRACE(4, "deal_with_data(): ID=%d", (int)id);
-    if (*p != ' ') {
-        MTRACE(3, "deal_with_data(): error: no space after id");
-        return;
-    }
-    client->current_id = (int)id;
-    char* command = p + 1;
     MTRACE(4, "deal_with_data(): full command=\"%s\"", command);
     remote_ack(client);
     clock_gettime(CLOCK_MONOTONIC, &client->ts_start);
 
     char* argv[REMOTE_WORDS_MAX];
-    int argc = split_words(command, argv);
+    int argc = well_formed ? split_words(command, argv) : -1;
+    int ret = 0;
+    if (argc < 0) {
+        /* Folding the rest into the last word, or cutting the line, would
+         * apply part of the request. */
+        remote_error(client, msg.syntax_invalid);
+        remote_ready(client);
+        return;
+    }
     if (options.verbose) {
         for (int i = 0; i < argc; i++)
             printf("argv[%d]=%s\n", i, argv[i]);
     }
-    int ret = 0;
     const struct command_s* row = commands;
     while (row->cb_cmd != NULL && (argc == 0 || strcmp(row->cmd, argv[0]) != 0))
         row++;
@@ -239,6 +267,44 @@ void deal_with_data(struct client_s* client)
         ret = row->cb_cmd(client, argc, argv);
     if (ret <= 0)
         remote_ready(client);
+}
+
+int client_has_request(const struct client_s* client)
+{
+    if (client->sock < 0)
+        return 0;
+    if (client->in_eof)
+        return 1; /* if only to close it */
+    /* a whole line, or the start of one too long to wait for its end */
+    return line_end(client) < client->in_len || client->in_len >= REMOTE_LINE_MAX;
+}
+
+void deal_with_data(struct client_s* client)
+{
+    if (!client_has_request(client) && fill_input(client) < 0) {
+        lose_client(client);
+        return;
+    }
+    char line[REMOTE_LINE_MAX];
+    int got = next_line(client, line);
+    if (got == 0) {
+        if (client->in_eof)
+            lose_client(client);
+        return;
+    }
+    MTRACE(4, "deal_with_data(): [%s]", line);
+    if (got == 1 && line[0] == '.') {
+        MTRACE(3, "deal_with_data(): Closing connection: FD=%d;  Slot=%d", client->sock, client->idx);
+        do_abort(client, -1);
+        close_client(client);
+        return;
+    }
+    const char* command = NULL;
+    int id = parse_id(line, &command);
+    if (id < 0)
+        return;
+    client->current_id = id;
+    run_request(client, line + (command - line), got == 1);
 }
 
 /* A break on the line arrives marked as 0xFF 0x00 0x00. */
@@ -265,6 +331,7 @@ static const char pmic_device[] = "/dev/input/by-path/platform-44e0b000.i2c-even
 static const char opto_device[] = "/dev/ttyO1";
 
 static fd_set socks;
+static fd_set writefds;
 static fd_set exceptfds;
 static int highsock;
 
@@ -285,6 +352,7 @@ static int ready(int fd, fd_set* set)
 void build_select_list(void)
 {
     FD_ZERO(&socks);
+    FD_ZERO(&writefds);
     FD_ZERO(&exceptfds);
     watch(listen_sock, &socks);
     watch(state.fdpmic, &socks);
@@ -294,8 +362,52 @@ void build_select_list(void)
     watch(state.fdscanmovetimer, &socks);
     watch(state.fdidletimer, &socks);
     watch(state.fdautoinfotimer, &socks);
-    for (int i = 0; i < REMOTE_CLIENTS; i++)
-        watch(remote_client(i)->sock, &socks);
+    for (int i = 0; i < REMOTE_CLIENTS; i++) {
+        struct client_s* client = remote_client(i);
+        watch(client->sock, &socks);
+        if (client->out_len > 0)
+            watch(client->sock, &writefds);
+    }
+}
+
+/* A client with a request read ahead is served in the next pass without
+ * waiting. */
+static int requests_pending(void)
+{
+    for (int i = 0; i < REMOTE_CLIENTS; i++) {
+        if (client_has_request(remote_client(i)))
+            return 1;
+    }
+    return 0;
+}
+
+/* Replies first, so that queues shrink before new requests add to them;
+ * then at most one request of each client, in slot order. */
+static void serve_clients(void)
+{
+    for (int i = 0; i < REMOTE_CLIENTS; i++) {
+        struct client_s* client = remote_client(i);
+        if (ready(client->sock, &writefds) && client_flush(client) < 0)
+            lose_client(client);
+    }
+    for (int i = 0; i < REMOTE_CLIENTS; i++) {
+        struct client_s* client = remote_client(i);
+        if (ready(client->sock, &socks) || client_has_request(client))
+            deal_with_data(client);
+    }
+}
+
+/* A client whose unread replies outgrew its queue is dropped: better than
+ * a reply with a hole in it. Also for output added by timers and events. */
+static void drop_overflowed_clients(void)
+{
+    for (int i = 0; i < REMOTE_CLIENTS; i++) {
+        struct client_s* client = remote_client(i);
+        if (client->sock >= 0 && client->out_full) {
+            MTRACE(3, "read_socks(): slot %d left more than %d bytes of replies unread", i, REMOTE_OUT_MAX);
+            lose_client(client);
+        }
+    }
 }
 
 /* A GPIO line's edge is announced until its value file is read again from
@@ -348,10 +460,7 @@ void read_socks(void)
     }
     if (ready(listen_sock, &socks))
         handle_new_connection();
-    for (int i = 0; i < REMOTE_CLIENTS; i++) {
-        if (ready(remote_client(i)->sock, &socks))
-            deal_with_data(remote_client(i));
-    }
+    serve_clients();
     if (ready(state.fdpmic, &socks))
         handle_pmic();
     if (ready(state.fdopto, &socks))
@@ -364,6 +473,7 @@ void read_socks(void)
         ack_gpio_edge(state.fdvganf);
         do_endswitch_reached();
     }
+    drop_overflowed_clients();
 }
 
 /* The power button reports scan codes: 0x101 pressed, 0x100 released. */
@@ -549,9 +659,8 @@ int remotecontrol(int port)
         return -1;
     highsock = listen_sock;
     for (int i = 0; i < REMOTE_CLIENTS; i++) {
-        struct client_s* client = remote_client(i);
-        memset(client, 0, sizeof *client);
-        client->sock = -1;
+        client_drop_output(remote_client(i));
+        *remote_client(i) = client_s{};
     }
     struct timeval timeout = {10, 0};
     if (vela_cpufreq_set(1) != 0)
@@ -565,12 +674,14 @@ int remotecontrol(int port)
     state.run = 1;
     while (state.run) {
         build_select_list();
-        int n = select(highsock + 1, &socks, NULL, &exceptfds, &timeout);
+        int pending = requests_pending();
+        struct timeval at_once = {0, 0};
+        int n = select(highsock + 1, &socks, &writefds, &exceptfds, pending ? &at_once : &timeout);
         if (n < 0) {
             perror("select");
             return -1;
         }
-        if (n == 0) {
+        if (n == 0 && !pending) {
             timeout.tv_sec = 10;
             timeout.tv_usec = 0;
             continue;

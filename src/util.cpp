@@ -4,6 +4,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
+#include <math.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -506,4 +507,43 @@ int util_machine2type(const char* machine)
             return m.type;
     }
     return -1;
+}
+
+/* Only the characters of a decimal number, with at least one digit: keeps
+ * out what strtod would take besides (inf, nan, hexadecimal, blanks). */
+static int decimal_chars(const char* text, const char* allowed)
+{
+    int digits = 0;
+    for (const char* p = text; *p != '\0'; p++) {
+        if (isdigit((unsigned char)*p))
+            digits++;
+        else if (strchr(allowed, *p) == NULL)
+            return 0;
+    }
+    return digits > 0;
+}
+
+int util_parse_int(const char* text, int* value)
+{
+    if (!decimal_chars(text, "+-"))
+        return -1;
+    char* end;
+    errno = 0;
+    long v = strtol(text, &end, 10);
+    if (*end != '\0' || errno == ERANGE || v < INT_MIN || v > INT_MAX)
+        return -1;
+    *value = (int)v;
+    return 0;
+}
+
+int util_parse_double(const char* text, double* value)
+{
+    if (!decimal_chars(text, "+-.eE"))
+        return -1;
+    char* end;
+    double v = strtod(text, &end);
+    if (*end != '\0' || !isfinite(v))
+        return -1;
+    *value = v;
+    return 0;
 }

@@ -63,4 +63,11 @@ int vela_get_devicetree_model(char* model, int maxlen);
 /* The type bit of a model string, or -1. */
 int util_machine2type(const char* machine);
 
+/* A value given by a client, taken only when the whole text is a decimal
+ * number: an optional sign, digits, and for util_parse_double a fraction
+ * and an exponent, finite. 0, or -1 (value untouched) for anything else:
+ * an empty text, trailing characters, "nan", "inf", hexadecimal, overflow. */
+int util_parse_int(const char* text, int* value);
+int util_parse_double(const char* text, double* value);
+
 #endif

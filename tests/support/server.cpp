@@ -161,12 +161,14 @@ LineClient::~LineClient()
     close();
 }
 
-bool LineClient::connect(int port, int timeout_ms)
+bool LineClient::connect(int port, int timeout_ms, int rcvbuf)
 {
     close();
     long long deadline = now_ms() + timeout_ms;
     do {
         fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (rcvbuf > 0)
+            setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &rcvbuf, sizeof rcvbuf);
         struct sockaddr_in addr = {};
         addr.sin_family = AF_INET;
         addr.sin_port = htons(static_cast<uint16_t>(port));
@@ -279,6 +281,38 @@ bool is_ready_line(const std::string& line, int id)
     static const std::regex ready(R"((\d+) ready( \d+\.\d{3})?)");
     std::smatch m;
     return std::regex_match(line, m, ready) && std::stoi(m[1]) == id;
+}
+
+bool is_reply_line(const std::string& line)
+{
+    static const std::regex reply(
+        R"(\d+ (ack|data( [!-~]+)*|(error|warning) [ -~]+|ready( \d+\.\d{3})?)|0 event [ -~]+)");
+    return std::regex_match(line, reply);
+}
+
+std::vector<uint16_t> decode_samples(const std::string& text)
+{
+    static const std::string alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    std::string bytes;
+    uint32_t acc = 0;
+    int bits = 0;
+    for (char c : text) {
+        if (c == '=')
+            break;
+        size_t v = alphabet.find(c);
+        if (v == std::string::npos)
+            continue;
+        acc = (acc << 6) | static_cast<uint32_t>(v);
+        bits += 6;
+        if (bits >= 8) {
+            bits -= 8;
+            bytes += static_cast<char>((acc >> bits) & 0xff);
+        }
+    }
+    std::vector<uint16_t> samples;
+    for (size_t i = 0; i + 1 < bytes.size(); i += 2)
+        samples.push_back(static_cast<uint16_t>(static_cast<uint8_t>(bytes[i]) | static_cast<uint8_t>(bytes[i + 1]) << 8));
+    return samples;
 }
 
 } // namespace vt

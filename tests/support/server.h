@@ -4,6 +4,7 @@
 #ifndef VELA_TEST_SERVER_H
 #define VELA_TEST_SERVER_H
 
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <vector>
@@ -73,8 +74,10 @@ public:
     LineClient(const LineClient&) = delete;
     LineClient& operator=(const LineClient&) = delete;
 
-    /* Connects to the server on localhost; retries until timeout_ms. */
-    bool connect(int port, int timeout_ms = 10000);
+    /* Connects to the server on localhost; retries until timeout_ms.
+     * rcvbuf > 0: that small a receive buffer, so that replies back up in
+     * the server soon when this client does not read. */
+    bool connect(int port, int timeout_ms = 10000, int rcvbuf = 0);
     void close();
     int fd() const { return fd_; }
 
@@ -106,6 +109,13 @@ std::string received(int fd);
 
 /* Does line match "<id> ready <s>.<mmm>"? */
 bool is_ready_line(const std::string& line, int id);
+
+/* Is line one whole reply or event line: ack, data, error, warning, ready
+ * or event, each in its own form? */
+bool is_reply_line(const std::string& line);
+
+/* The 16-bit samples (little endian) of a scan's base64 data text. */
+std::vector<uint16_t> decode_samples(const std::string& text);
 
 } // namespace vt
 

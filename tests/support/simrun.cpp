@@ -50,8 +50,13 @@ ProcessResult SimBoard::ctl(const std::vector<std::string>& command)
 
 std::vector<std::string> SimBoard::journal() const
 {
+    return journal_in(tmp_.file("board"));
+}
+
+std::vector<std::string> journal_in(const std::string& board_dir)
+{
     std::vector<std::string> lines;
-    std::istringstream in(read_file(tmp_.file("board") + "/journal"));
+    std::istringstream in(read_file(board_dir + "/journal"));
     std::string line;
     while (std::getline(in, line)) {
         size_t sp = line.find(' ');

@@ -36,6 +36,9 @@ private:
     bool fresh_ = true;
 };
 
+/* The journal of the board in board_dir, as SimBoard::journal gives it. */
+std::vector<std::string> journal_in(const std::string& board_dir);
+
 /* Entries of a journal that mention needle, in order. */
 std::vector<std::string> grep(const std::vector<std::string>& lines, const std::string& needle);
 

@@ -32,15 +32,6 @@ vt::ProcessResult ctl(const std::string& dir, std::vector<std::string> command)
     return vt::run_process(command);
 }
 
-size_t journal_count(const std::string& dir, const std::string& needle)
-{
-    std::string text = vt::read_file(dir + "/journal");
-    size_t n = 0;
-    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1))
-        n++;
-    return n;
-}
-
 /* These run host programs (sleep, sh) under the board: a board built for
  * another machine cannot be loaded into them. */
 #ifdef VELA_EMULATOR
@@ -97,7 +88,7 @@ TEST(Launcher, ASuspendEndsOnAWakeUpFromTheControlFace)
     vt::ChildProcess sleeper;
     ASSERT_TRUE(sleeper.start(
         under_board(dir, {"/bin/sh", "-c", "echo mem > /sys/power/state && echo resumed"}, "step")));
-    ASSERT_TRUE(vt::eventually([&] { return journal_count(dir, "power suspend") == 1; }));
+    ASSERT_TRUE(vt::eventually([&] { return vt::grep(vt::journal_in(dir), "power suspend").size() == 1; }));
     EXPECT_EQ(0, ctl(dir, {"clock", "advance", "90s"}).status);
     EXPECT_THAT(ctl(dir, {"clock"}).out, HasSubstr("\nsuspended = 90.000000\n"));
     EXPECT_EQ(1, ctl(dir, {"wake", "button", "twice"}).status);
@@ -105,7 +96,7 @@ TEST(Launcher, ASuspendEndsOnAWakeUpFromTheControlFace)
     ASSERT_TRUE(sleeper.wait(20000));
     EXPECT_EQ(0, sleeper.status());
     EXPECT_EQ("resumed\n", sleeper.out());
-    EXPECT_EQ(1u, journal_count(dir, "power resume button"));
+    EXPECT_EQ(1u, vt::grep(vt::journal_in(dir), "power resume button").size());
     std::string state = vt::read_file(dir + "/state");
     EXPECT_THAT(state, HasSubstr("suspended_ns = 90000000000\n"));
 }
@@ -128,7 +119,7 @@ TEST(Launcher, TheRtcRamSurvivesAKillInTheMiddleOfAWrite)
         vt::ChildProcess writer;
         ASSERT_TRUE(writer.start(under_board(dir, {"/bin/sh", "-c", loop})));
         size_t writes = static_cast<size_t>(1 + round % 7);
-        ASSERT_TRUE(vt::eventually([&] { return journal_count(dir, "nvram write") >= writes; }));
+        ASSERT_TRUE(vt::eventually([&] { return vt::grep(vt::journal_in(dir), "nvram write").size() >= writes; }));
         writer.signal(SIGKILL);
         writer.wait(10000);
         std::string data = vt::read_file(nvram);

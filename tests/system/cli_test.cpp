@@ -60,42 +60,28 @@ void expect_usage(const std::string& out)
     EXPECT_EQ(kUsage, out.substr(lf + 1));
 }
 
-TEST(CommandLine, WithoutArgumentsPrintsUsageAndFails)
+/* Every refusal exits 1 with its errors and the usage text. */
+TEST(CommandLine, RefusesNoneOrTwoActionsBadTracelevelAndUnknownOptions)
 {
-    vt::ProcessResult r = velatool({});
-    EXPECT_EQ(1, r.status);
-    EXPECT_EQ("ERROR: exactly one action is required\n", r.err);
-    expect_usage(r.out);
-}
-
-TEST(CommandLine, RefusesTwoActionsBadTracelevelAndUnknownOptions)
-{
-    vt::ProcessResult two = velatool({"-d", "0x800", "-m", "1"});
-    EXPECT_EQ(1, two.status);
-    EXPECT_EQ("ERROR: exactly one action is required\n", two.err);
-    expect_usage(two.out);
-
-    vt::ProcessResult same = velatool({"-a", "-a"}); /* the same letter twice is two actions */
-    EXPECT_EQ(1, same.status);
-    EXPECT_EQ("ERROR: exactly one action is required\n", same.err);
-
-    vt::ProcessResult level = velatool({"-T", "6", "-V"});
-    EXPECT_EQ(1, level.status);
-    EXPECT_EQ("ERROR: invalid tracelevel\n", level.err);
-    expect_usage(level.out);
-
-    vt::ProcessResult both = velatool({"-T", "-1"});
-    EXPECT_EQ(1, both.status);
-    EXPECT_EQ("ERROR: exactly one action is required\nERROR: invalid tracelevel\n", both.err);
-
-    vt::ProcessResult unknown = velatool({"-Q", "-a"});
-    EXPECT_EQ(1, unknown.status);
-    EXPECT_NE(std::string::npos, unknown.err.find("invalid option -- 'Q'"));
-    expect_usage(unknown.out);
-
-    vt::ProcessResult missing = velatool({"-d"});
-    EXPECT_EQ(1, missing.status);
-    EXPECT_NE(std::string::npos, missing.err.find("requires an argument -- 'd'"));
+    const std::string one = "ERROR: exactly one action is required\n", path = VELATOOL_PATH;
+    const struct {
+        std::vector<std::string> args;
+        std::string err;
+    } cases[] = {
+        {{}, one},
+        {{"-d", "0x800", "-m", "1"}, one},
+        {{"-a", "-a"}, one}, /* the same letter twice is two actions */
+        {{"-T", "6", "-V"}, "ERROR: invalid tracelevel\n"},
+        {{"-T", "-1"}, one + "ERROR: invalid tracelevel\n"},
+        {{"-Q", "-a"}, path + ": invalid option -- 'Q'\n"},
+        {{"-d"}, path + ": option requires an argument -- 'd'\n" + one},
+    };
+    for (const auto& c : cases) {
+        vt::ProcessResult r = velatool(c.args);
+        EXPECT_EQ(1, r.status) << testing::PrintToString(c.args);
+        EXPECT_EQ(c.err, r.err);
+        expect_usage(r.out);
+    }
 }
 
 TEST(CommandLine, VerboseEchoesTheOptionsAndOptionalArgumentsAreSeparateWords)

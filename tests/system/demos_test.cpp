@@ -4,9 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
-#include <fstream>
 #include <linux/input.h>
-#include <sstream>
 #include <unistd.h>
 
 #include "simrun.h"
@@ -19,14 +17,6 @@ using testing::StartsWith;
 namespace {
 
 const char kWarp[] = "[clock]\nmode = warp\n";
-
-std::string slurp(const std::string& path)
-{
-    std::ifstream f(path);
-    std::stringstream s;
-    s << f.rdbuf();
-    return s.str();
-}
 
 /* Home at full speed, then stop, 1 mm/s, stop, 0.5 mm/s with the
  * acquisition, stop. */
@@ -72,7 +62,7 @@ TEST(Demos, EmcTestInterrupted)
     int runs = 0, errors = 0;
     ASSERT_EQ(2, sscanf(line.c_str() + line.find(": ") + 2, "%d, %d", &runs, &errors));
     EXPECT_GE(errors, runs);
-    std::string log = slurp(board.dir() + "/board/fs/home/root/vela_emctest.log");
+    std::string log = vt::read_file(board.dir() + "/board/fs/home/root/vela_emctest.log");
     EXPECT_THAT(log, StartsWith("velatool 1.00-32 emc test log file\n\r"
                                 "TIME: loops, errors, hist_width, VMOT, VSYS, BATTEMP\n\r"));
     EXPECT_THAT(log, EndsWith(line));

@@ -20,15 +20,8 @@ TEST(FbTestAction, DrawsTheBandsAndTakesAScreenshot)
     ASSERT_TRUE(board.start(child, {"-S"}));
     ASSERT_TRUE(board.await_journal("power suspend"));
     auto pixel = [&](int x, int y) { return board.ctl({"pixel", std::to_string(x), std::to_string(y)}).out; };
-    /* Band k starts at row 272*k/7: 0, 38, 77, 116, 155, 194, 233. */
-    EXPECT_EQ("0x8000\n", pixel(0, 37));
-    EXPECT_EQ("0x0000\n", pixel(0, 38));   /* red ramp starts at 0 */
+    /* The bands themselves are the unit suite's; here: the picture is there. */
     EXPECT_EQ("0xf800\n", pixel(479, 76));
-    EXPECT_EQ("0x0400\n", pixel(0, 77));
-    EXPECT_EQ("0x07e0\n", pixel(479, 154));
-    EXPECT_EQ("0x0010\n", pixel(0, 155));
-    EXPECT_EQ("0x001f\n", pixel(479, 232));
-    EXPECT_EQ("0x0000\n", pixel(239, 233));
     EXPECT_EQ("0xffff\n", pixel(240, 271));
 
     std::string path = board.dir() + "/shot.png";

@@ -12,32 +12,6 @@ using testing::ElementsAre;
 
 namespace {
 
-/* The 16-bit samples (little endian) of a base64 data text. */
-std::vector<uint16_t> decode_samples(const std::string& text)
-{
-    static const std::string alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    std::string bytes;
-    uint32_t acc = 0;
-    int bits = 0;
-    for (char c : text) {
-        if (c == '=')
-            break;
-        size_t v = alphabet.find(c);
-        if (v == std::string::npos)
-            continue;
-        acc = (acc << 6) | static_cast<uint32_t>(v);
-        bits += 6;
-        if (bits >= 8) {
-            bits -= 8;
-            bytes += static_cast<char>((acc >> bits) & 0xff);
-        }
-    }
-    std::vector<uint16_t> samples;
-    for (size_t i = 0; i + 1 < bytes.size(); i += 2)
-        samples.push_back(static_cast<uint16_t>(static_cast<uint8_t>(bytes[i]) | static_cast<uint8_t>(bytes[i + 1]) << 8));
-    return samples;
-}
-
 class Measure : public testing::Test {
 protected:
     void SetUp() override
@@ -163,7 +137,7 @@ TEST(MeasureScans, EverySpeedDeliversExactlyItsSamples)
         std::vector<std::string> others;
         for (const std::string& l : lines) {
             if (l.rfind(scan_id + " data ", 0) == 0)
-                samples += decode_samples(l.substr(scan_id.size() + 6)).size();
+                samples += vt::decode_samples(l.substr(scan_id.size() + 6)).size();
             else if (l[0] != '0')
                 others.push_back(l.substr(scan_id.size() + 1, 5));
         }

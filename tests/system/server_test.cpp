@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <fstream>
 #include <string>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -56,22 +57,73 @@ TEST_F(Server, RequestsAreAcknowledgedAnsweredAndReadied)
                 ElementsAre("20 ack", "20 error axis parameter not supported", "20 ready 0.000"));
 }
 
-TEST_F(Server, AnOverlongLineIsDroppedWholeAndTheConnectionStaysUsable)
+TEST_F(Server, AnOverlongLineIsRefusedWholeAndTheConnectionStaysUsable)
 {
     /* Its tail, which looks like a request, must not run. */
     client.send("5 get " + std::string(300, 'x') + " 6 get");
+    EXPECT_THAT(client.read_until([](const std::string& l) { return vt::is_ready_line(l, 5); }),
+                ElementsAre("5 ack", "5 error syntax invalid", "5 ready 0.000"));
+    /* Without an id nobody is told. */
     client.send(std::string(1000, 'y'));
     /* Ended by CR LF, with a request right behind it in the same packet. */
     client.send_raw(std::string(70000, 'z') + "\r\n9 get\n");
     EXPECT_THAT(client.read_until([](const std::string& l) { return vt::is_ready_line(l, 9); }),
                 ElementsAre("9 ack", "9 data", "9 ready 0.000"));
     EXPECT_EQ("", client.drain(300));
-    EXPECT_THAT(client.request(7, "get"), ElementsAre("7 ack", "7 data", "7 ready 0.000"));
-    /* More words than a request holds: the rest stays in the last word. */
-    std::string many = "get";
-    for (int i = 0; i < 30; i++)
-        many += " w" + std::to_string(i);
-    EXPECT_THAT(client.request(8, many), ElementsAre("8 ack", "8 error unknown channel", "8 ready 0.000"));
+}
+
+/* Requests the server cannot carry out as written are refused whole (the
+ * clock in warp mode lets the meas state come by itself). */
+TEST(ServerRefusals, RequestsThatCannotBeServedFaithfullyChangeNothing)
+{
+    vt::ServerUnderTest server("", "warp");
+    ASSERT_TRUE(server.start()) << server.err();
+    vt::LineClient client;
+    connect_client(server, client);
+    ASSERT_TRUE(vt::is_ready_line(client.request(1, "set pstate=meas blight=50").back(), 1));
+    const std::vector<std::string> before = client.request(2, "get blight speed meas_cycles");
+
+    std::string many = "set blight=70";
+    for (int i = 0; i < 20; i++)
+        many += " speed=0." + std::to_string(1 + i % 9);
+    const struct {
+        std::string request;
+        std::string error; /* "": no reply at all */
+    } refusals[] = {
+        {"3 " + many, "3 error syntax invalid"},
+        {"4 set blight=70 opto_rs232=" + std::string(250, 'a'), "4 error syntax invalid"},
+        {"15 set opto_rs232=" + std::string(238, 'a'), "15 error syntax invalid"}, /* 256 bytes: one too many */
+        {"4294967296 get batt", ""},
+        {"2147483648 get batt", ""},
+        {"5 set blight=abc", "5 error value out of range"},
+        {"6 set blight=", "6 error value out of range"},
+        {"7 set blight=70x", "7 error value out of range"},
+        {"8 set speed=1e999", "8 error value out of range"},
+        {"9 set speed=nan", "9 error value out of range"},
+        {"10 set speed=0x0.8p0", "10 error value out of range"},
+        {"11 scan x=nan", "11 error value out of range"},
+        {"12 scan x=inf", "12 error value out of range"},
+        {"13 scan time=inf", "13 error value out of range"},
+        {"14 scan time=1s", "14 error value out of range"},
+    };
+    for (const auto& r : refusals) {
+        client.send(r.request);
+        /* A request behind it shows where the refusal's reply ends. */
+        std::vector<std::string> lines = client.request(99, "get");
+        std::vector<std::string> expected = {"99 ack", "99 data"};
+        if (!r.error.empty()) {
+            std::string id = r.error.substr(0, r.error.find(' '));
+            expected.insert(expected.begin(), {id + " ack", r.error, id + " ready"});
+        }
+        for (std::string& l : lines) {
+            if (l.find(" ready ") != std::string::npos)
+                l.erase(l.find(" ready ") + 6);
+        }
+        expected.push_back("99 ready");
+        EXPECT_EQ(expected, lines) << r.request;
+    }
+    EXPECT_EQ(before, client.request(2, "get blight speed meas_cycles"));
+    EXPECT_THAT(client.request(2147483647, "get"), Contains("2147483647 data"));
 }
 
 TEST_F(Server, ADotClosesTheConnectionAndASixthClientIsRefused)
@@ -147,6 +199,94 @@ TEST_F(Server, ClientsThatVanishOrNeverReadDoNotHurtTheOthers)
         EXPECT_THAT(c.request(60, "get"), Contains(HasSubstr("60 data")));
     }
     EXPECT_TRUE(server.running());
+}
+
+/* Replies wait for a client that stops reading, whole, until it reads again
+ * or lets too much pile up; the clock in warp mode runs the scan meanwhile. */
+class ServerSlowReader : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(server.start()) << server.err();
+        ASSERT_TRUE(reader.connect(server.port(), 10000, 4096));
+        connect_client(server, other);
+    }
+
+    /* Everything the reader gets until the server closes it or sends the
+     * ready line of id; every line must be whole, none glued to another. */
+    std::vector<std::string> read_all(int id)
+    {
+        std::vector<std::string> lines =
+            reader.read_until([id](const std::string& l) { return vt::is_ready_line(l, id); }, 20000);
+        for (const std::string& l : lines)
+            EXPECT_TRUE(vt::is_reply_line(l)) << "torn: " << l.substr(0, 80);
+        /* Only a reset connection may end inside a line: the kernel drops
+         * what it had not sent. */
+        std::string tail = reader.drain(0);
+        if (!reader.closed_by_peer(0)) {
+            EXPECT_EQ("", tail.substr(0, 80)) << "a line without its end";
+        }
+        return lines;
+    }
+
+    vt::ServerUnderTest server{"", "warp"};
+    vt::LineClient reader;
+    vt::LineClient other;
+};
+
+TEST_F(ServerSlowReader, AStalledScanClientGetsEverySampleOrIsDropped)
+{
+    ASSERT_TRUE(vt::is_ready_line(reader.request(1, "set pstate=meas speed=1.0", 20000).back(), 1));
+    /* Replies it does not read fill the sockets' buffers first. */
+    std::string requests;
+    for (int i = 0; i < 100; i++)
+        requests += "1 capabilities\n";
+    reader.send_raw(requests + "2 scan x=17.5\n");
+    /* The scan ends (and counts) while its client reads nothing. */
+    for (int i = 0; i < 200 && other.request(3, "get meas_cycles") != std::vector<std::string>{"3 ack", "3 data 1", "3 ready 0.000"}; i++)
+        usleep(50000);
+    size_t samples = 0;
+    std::vector<std::string> lines = read_all(2);
+    for (const std::string& l : lines) {
+        if (l.compare(0, 7, "2 data ") == 0)
+            samples += vt::decode_samples(l.substr(7)).size();
+    }
+    ASSERT_FALSE(lines.empty());
+    if (vt::is_ready_line(lines.back(), 2))
+        EXPECT_EQ(35000u, samples); /* one per 0.5 um */
+    else
+        EXPECT_TRUE(reader.closed_by_peer(0));
+}
+
+TEST_F(ServerSlowReader, AFloodingClientIsDroppedAndDelaysNobody)
+{
+    std::string burst;
+    for (int i = 0; i < 20000; i++)
+        burst += "1 capabilities\n";
+    ASSERT_TRUE(reader.send_raw(burst)); /* and reads nothing */
+    for (int i = 0; i < 10; i++)
+        EXPECT_THAT(other.request(40 + i, "get"), ElementsAre(std::to_string(40 + i) + " ack", std::to_string(40 + i) + " data",
+                                                            std::to_string(40 + i) + " ready 0.000"));
+    for (int i = 0; i < 400 && server.err().find("replies unread") == std::string::npos; i++)
+        usleep(50000);
+    EXPECT_THAT(server.err(), HasSubstr("left more than 262144 bytes of replies unread"));
+    read_all(2); /* no such id: everything up to the close */
+    EXPECT_TRUE(reader.closed_by_peer(0));
+}
+
+/* The program binds to every interface; on the simulated board only the
+ * loopback interface is reached. */
+TEST_F(Server, OnTheSimulatedBoardTheServerListensOnLoopbackOnly)
+{
+    std::ifstream tcp("/proc/net/tcp");
+    char port[8];
+    snprintf(port, sizeof port, ":%04X ", server.port());
+    std::string line, listening;
+    while (std::getline(tcp, line)) {
+        if (line.find(port) != std::string::npos && line.find(" 0A ") != std::string::npos)
+            listening = line;
+    }
+    EXPECT_THAT(listening, HasSubstr(std::string("0100007F") + port));
 }
 
 TEST(ServerStart, APortInUseEndsTheServerWithStatusOne)

@@ -104,7 +104,7 @@ protected:
     }
     std::string ini() const { return vt::read_file(product_file("velatool.ini")); }
 
-    struct client_s client_ = {-1, 0, 0, {0, 0}};
+    struct client_s client_ = {.sock = -1};
     int sv_[2] = {-1, -1};
     int saved_batt_state_ = 0;
     std::vector<std::string> args_;

@@ -2,10 +2,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <sstream>
-
 #include "simtest.h"
+#include "tempdir.h"
 #include "testmodes.h"
 
 using testing::HasSubstr;
@@ -14,14 +12,6 @@ using testing::internal::GetCapturedStderr;
 
 namespace {
 
-std::string slurp(const std::string& path)
-{
-    std::ifstream f(path);
-    std::stringstream s;
-    s << f.rdbuf();
-    return s.str();
-}
-
 class UsbTest : public vt::SimTest {};
 
 TEST_F(UsbTest, WritesReadsAndVerifiesOnTheStick)
@@ -29,7 +19,7 @@ TEST_F(UsbTest, WritesReadsAndVerifiesOnTheStick)
     CaptureStderr();
     EXPECT_EQ(0, do_usbtest("/media/sda1"));
     EXPECT_EQ("", GetCapturedStderr());
-    std::string data = slurp(sim::sandbox() + "/fs/media/sda1/storagetest");
+    std::string data = vt::read_file(sim::sandbox() + "/fs/media/sda1/storagetest");
     EXPECT_EQ(std::string(64 * 1024, 'X'), data);
     EXPECT_THAT(vt::entries("system"), testing::ElementsAre("system \"grep /media/sda1 /proc/mounts > /dev/null 2>&1\" 0"));
 }
@@ -63,7 +53,7 @@ TEST_F(UsbTest, ReadOnlyAndFullSticksFailTheWrite)
         CaptureStderr();
         EXPECT_EQ(-1, do_usbtest("/media/sda1"));
         EXPECT_EQ(c.error, GetCapturedStderr());
-        EXPECT_EQ(std::string(64 * 1024, 'X'), slurp(file));
+        EXPECT_EQ(std::string(64 * 1024, 'X'), vt::read_file(file));
     }
 }
 

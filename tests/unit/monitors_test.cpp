@@ -72,31 +72,32 @@ TEST_F(Monitors, TouchMonitorCountsTapsDropsAndReleaseQuadrants)
     EXPECT_EQ("    34 0000 0000 00000000 2 2 0 6 6 1 18 240/136 1 1 1 1", lines.back());
 }
 
-TEST_F(Monitors, TouchMonitorEndsOnReadErrorAndMissingDevice)
+/* A device that fails or is missing ends a monitor with its error. */
+TEST_F(Monitors, MonitorsEndOnReadErrorsAndMissingDevices)
 {
-    ASSERT_TRUE(sim::fault("/dev/input/event1", "read", EIO));
-    CaptureStdout();
-    CaptureStderr();
-    EXPECT_EQ(-1, do_touchmonitor());
-    EXPECT_EQ("TIMESTAMP        : COUNT  TYPE CODE VALUE\n", GetCapturedStdout());
-    EXPECT_EQ("read: Input/output error\n", GetCapturedStderr());
-
-    ASSERT_EQ("ok\n", sim::control("absent /dev/input/event1"));
-    CaptureStdout();
-    CaptureStderr();
-    EXPECT_EQ(-1, do_touchmonitor());
-    EXPECT_EQ("", GetCapturedStdout());
-    EXPECT_EQ("open: No such file or directory\n", GetCapturedStderr());
-}
-
-TEST_F(Monitors, EventMonitorEndsOnReadError)
-{
-    ASSERT_TRUE(sim::fault("/dev/input/by-path/platform-44e0b000.i2c-event", "read", EIO));
-    CaptureStdout();
-    CaptureStderr();
-    EXPECT_EQ(-1, do_eventmonitor());
-    EXPECT_EQ("", GetCapturedStdout());
-    EXPECT_EQ("read: Input/output error\n", GetCapturedStderr());
+    const struct {
+        int (*monitor)();
+        const char* board;
+        const char* out;
+        const char* err;
+    } cases[] = {
+        {do_touchmonitor, "fault /dev/input/event1 read EIO", "TIMESTAMP        : COUNT  TYPE CODE VALUE\n",
+         "read: Input/output error\n"},
+        {do_touchmonitor, "absent /dev/input/event1", "", "open: No such file or directory\n"},
+        {do_eventmonitor, "fault /dev/input/by-path/platform-44e0b000.i2c-event read EIO", "",
+         "read: Input/output error\n"},
+        {do_opto_rs232_test, "absent /dev/ttyO1", "", "open: No such file or directory\n"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.board);
+        ASSERT_EQ("ok\n", sim::control(c.board));
+        CaptureStdout();
+        CaptureStderr();
+        EXPECT_EQ(-1, c.monitor());
+        EXPECT_EQ(c.out, GetCapturedStdout());
+        EXPECT_EQ(c.err, GetCapturedStderr());
+        sim::control("faults-clear");
+    }
 }
 
 void no_op(int) {}
@@ -130,16 +131,6 @@ TEST_F(Monitors, EventMonitorNamesScanValues)
     const std::vector<std::string> want = {"START pressed", "Cradle power connected", "USB power disconnected",
                                            "unknown", "START released"};
     EXPECT_EQ(want, untimed(GetCapturedStdout()));
-}
-
-TEST_F(Monitors, OptoTestFailsWithoutItsPort)
-{
-    ASSERT_EQ("ok\n", sim::control("absent /dev/ttyO1"));
-    CaptureStdout();
-    CaptureStderr();
-    EXPECT_EQ(-1, do_opto_rs232_test());
-    EXPECT_EQ("", GetCapturedStdout());
-    GetCapturedStderr();
 }
 
 } // namespace

@@ -17,9 +17,6 @@ class MotorDac : public vt::SimTest {};
 
 TEST_F(MotorDac, WritesTheTwelveBitCodeInFastWriteFormat)
 {
-    EXPECT_EQ(-EINVAL, vela_motor_dac_write(4096));
-    EXPECT_TRUE(vt::entries("i2c").empty()); /* refused before the bus is opened */
-
     EXPECT_EQ(0, vela_motor_dac_write(4095));
     EXPECT_EQ(0, vela_motor_dac_write(0x822));
     EXPECT_THAT(vt::entries("i2c"), ElementsAre("/dev/i2c-1@0x60 write 0f ff", "/dev/i2c-1@0x60 write 08 22"));
@@ -68,10 +65,10 @@ TEST_F(MotorDac, ShortWritesAndBusFailuresAreNotRetried)
     EXPECT_EQ(1u, vt::entries("i2c").size());
 }
 
-TEST_F(MotorDac, MotorPowerAcceptsOnlyZeroAndOne)
+/* Codes past 12 bits and switch values other than 0 and 1 are the command
+ * line's cases. */
+TEST_F(MotorDac, MotorPowerSwitchesItsLine)
 {
-    EXPECT_EQ(-EINVAL, vela_motor_power_ctrl(2));
-    EXPECT_TRUE(vt::entries("motor_power").empty());
     EXPECT_EQ(0, vela_motor_power_ctrl(1));
     EXPECT_EQ("1", sim::get("motor.power"));
     EXPECT_EQ(0, vela_motor_power_ctrl(0));

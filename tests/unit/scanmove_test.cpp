@@ -17,11 +17,11 @@
 #include <unistd.h>
 #include <vector>
 
-#include "base64.h"
 #include "configtest.h"
 #include "measurement.h"
 #include "motorctrl.h"
 #include "scanmove.h"
+#include "server.h"
 #include "util.h"
 #include "velatool.h"
 
@@ -35,15 +35,7 @@ using testing::StartsWith;
 
 namespace {
 
-std::vector<uint16_t> decode_samples(const std::string& text)
-{
-    std::string bytes;
-    EXPECT_TRUE(MBase64_Decode(text.data(), text.size(), &bytes)) << text;
-    std::vector<uint16_t> out;
-    for (size_t i = 0; i + 1 < bytes.size(); i += 2)
-        out.push_back(static_cast<uint16_t>(static_cast<uint8_t>(bytes[i]) | static_cast<uint8_t>(bytes[i + 1]) << 8));
-    return out;
-}
+using vt::decode_samples;
 
 class ScanMove : public vt::ConfigTest {
 protected:
@@ -418,6 +410,20 @@ TEST_F(ScanMove, FirmwareFailures)
     EXPECT_GE(got.size(), 900u);
     EXPECT_LE(got.size(), 1100u);
     EXPECT_EQ(3u, state.meas_cycles);
+    sim::set("pru.fault", "none");
+
+    /* A count past the buffer (a firmware gone wrong) is never read past it. */
+    state.pruss_info.max_samples = 3000;
+    ASSERT_EQ(1, run("scan x=1"));
+    serve([](int tick) {
+        if (tick == 2) {
+            sim::set("pru.fault", "stall");
+            state.pruss_info.comm->out_count = 0x7fffff00u;
+        }
+    });
+    rest.clear();
+    EXPECT_EQ(3000u, samples_of(lines(), 7, &rest).size());
+    EXPECT_THAT(rest, ElementsAre("7 error timeout", MatchesRegex("7 ready 3\\.[0-9]{3}")));
     sim::set("pru.fault", "none");
 }
 

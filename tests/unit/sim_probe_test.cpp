@@ -4,11 +4,13 @@
 #include <gtest/gtest.h>
 
 #include <dirent.h>
+#include <netinet/in.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/select.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/timerfd.h>
@@ -34,6 +36,12 @@ int __pselect64(int, fd_set*, fd_set*, fd_set*, const struct sim_timespec64*, co
 int __ppoll64(struct pollfd*, nfds_t, const struct sim_timespec64*, const sigset_t*);
 int __timerfd_settime64(int, int, const struct sim_itimerspec64*, struct sim_itimerspec64*);
 int __timerfd_gettime64(int, struct sim_itimerspec64*);
+int __fcntl_time64(int, int, ...);
+int __ioctl_time64(int, unsigned long, ...);
+int __stat64_time64(const char*, struct sim_stat_time64*);
+int __lstat64_time64(const char*, struct sim_stat_time64*);
+int __fstatat64_time64(int, const char*, struct sim_stat_time64*, int);
+int __fstat64_time64(int, struct sim_stat_time64*);
 }
 #endif
 
@@ -149,6 +157,17 @@ TEST_F(Probe, EveryWrappedNameIsIntercepted)
         EXPECT_EQ(0, __timerfd_settime64(t64, 0, &its64, &old64));
         EXPECT_EQ(0, __timerfd_gettime64(t64, &old64));
         close(t64);
+
+        struct sim_stat_time64 st_t64;
+        int f64 = open(file.c_str(), O_RDONLY);
+        EXPECT_GE(__fcntl_time64(f64, F_GETFL), 0);
+        EXPECT_EQ(0, __ioctl_time64(f64, FIONREAD, &n));
+        EXPECT_EQ(0, __fstat64_time64(f64, &st_t64));
+        EXPECT_EQ(10, st_t64.st_size);
+        close(f64);
+        EXPECT_EQ(0, __stat64_time64(file.c_str(), &st_t64));
+        EXPECT_EQ(0, __lstat64_time64(file.c_str(), &st_t64));
+        EXPECT_EQ(0, __fstatat64_time64(AT_FDCWD, file.c_str(), &st_t64, 0));
     }
 #endif
 
@@ -185,6 +204,11 @@ TEST_F(Probe, EveryWrappedNameIsIntercepted)
     close(tfd);
     close(mkostemp64(t4.data(), O_CLOEXEC));
     EXPECT_EQ(0, system("hwclock -w")); /* simulated, never run */
+    int sock = socket(AF_INET, SOCK_STREAM, 0);
+    struct sockaddr_in any = {};
+    any.sin_family = AF_INET;
+    EXPECT_EQ(0, bind(sock, reinterpret_cast<struct sockaddr*>(&any), sizeof any));
+    close(sock);
 
     for (int i = 0; i < SIM_WRAP_COUNT; i++)
         EXPECT_GT(sim_call_count(i), 0u) << sim_wrapped_names[i] << " was not intercepted";

@@ -163,6 +163,10 @@ class EndToEndTest(unittest.TestCase):
         self.assertEqual(result.returncode, 0, result.stderr)
         self.assertEqual([line.split()[1:] for line in result.stdout.splitlines() if "batt_state=" in line],
                          [["batt_state=4", "speed=0.5"]] * 2)
+        # Events only: the battery state and level the instrument sends on connect.
+        result = self.velactl("watch", "-n", "2")
+        self.assertEqual((result.returncode, [line.split(None, 1)[1] for line in result.stdout.splitlines()]),
+                         (0, ["event: on battery", "event: battery good"]), result.stderr)
 
     def test_velactl_errors_are_one_line(self):
         unwritable = os.path.join(self.tmp.name, "no", "such", "p.csv")
