@@ -123,6 +123,7 @@ PruCore::Insn decode(uint32_t w, uint32_t pc)
             in.rs1 = static_cast<uint8_t>(bits(w, 15, 8)); /* device */
             in.flags = 0;
             burst_operands(w, &in);
+            in.dmask = bits(w, 7, 7); /* one field here, unlike the bursts' */
             if (in.rs2 == 0)
                 in.op = BAD;
             break;

@@ -11,7 +11,12 @@ namespace sim {
 namespace {
 
 constexpr ns_t kTick = 5;                 /* 200 MHz */
-constexpr ns_t kRunQuantum = 10 * kUs;    /* how often a busy core is looked at */
+/* How often the board stops for the cores. The host sees their work in
+ * shared memory whenever it looks (each advance runs them up to then); only
+ * an interrupt to the host needs the board's attention, and one 1 ms late is
+ * within what the program allows the firmware. Stopping at every compare
+ * hit made a 10 s acquisition cost 17 s in warp mode. */
+constexpr ns_t kRunQuantum = 1000 * kUs;
 constexpr uint32_t kIram[2] = {0x34000, 0x38000};
 constexpr uint32_t kControl[2] = {0x22000, 0x24000};
 constexpr uint32_t kOtherRam = 0x2000, kRamEnd = 0x4000;
@@ -94,11 +99,12 @@ PruEngine::PruEngine(Pruss& pruss, Board& board, Probe& probe, MeasChannel& meas
         p.add_readonly(k + ".insns", [this, pru] { return std::to_string(core(pru).insns()); },
                        "core: instructions executed since it was started (the host's cost)");
     }
+    p.add_readonly("pru.state", [this] { return state(); }, "firmware: off, booting, idle or acquiring");
 }
 
 void PruEngine::reset()
 {
-    selected_ = false;
+    selected_ = true;
     core0_.clear();
     core1_.clear();
     std::fill(std::begin(scratch_), std::end(scratch_), 0u);
@@ -117,6 +123,16 @@ void PruEngine::reset()
     iep_count0_ = 0;
     iep_next_ = kNeverCycle;
     conv_index_ = 0;
+}
+
+/* The model's, or what the firmware shows of itself. */
+std::string PruEngine::state() const
+{
+    if (!selected_)
+        return model_.state();
+    if (!core0_.active())
+        return "off";
+    return pruss_.word(kOutState) == 1 ? "acquiring" : "idle";
 }
 
 /* ---- scheduling ---- */
@@ -209,9 +225,7 @@ ns_t PruEngine::next_event(ns_t now) const
         const PruCore& c = core(pru);
         if (!c.active() || c.cycle() == kNeverCycle || (pru == 0 && frozen()))
             continue;
-        ns_t at = static_cast<ns_t>(c.cycle()) * kTick;
-        if (c.state() == PruCore::State::Running)
-            at = std::max(at, now + kRunQuantum);
+        ns_t at = std::max(static_cast<ns_t>(c.cycle()) * kTick, now + kRunQuantum);
         t = std::min(t, at);
     }
     return t;
@@ -415,7 +429,10 @@ bool PruEngine::store(int pru, uint32_t addr, const uint8_t* src, uint32_t len, 
     if (off + len > Pruss::kRegsSize)
         return true;
     if (!has_registers(off, len)) {
+        uint32_t state = pruss_.word(kOutState);
         memcpy(pruss_.mem(off), src, len);
+        if (pruss_.word(kOutState) != state)
+            PruFirmware::journal_state(board_, pruss_);
         if (pru == 0 && frozen())
             core0_.limit(c); /* no-stop: nothing more from PRU0 */
         return true;
@@ -475,6 +492,8 @@ void PruEngine::write_reg(int pru, uint32_t off, uint32_t v, cycle_t c)
     pruss_.reg(off) = v;
     if (r != CONTROL)
         return;
+    /* The core's own write (its counter bit): not a start by the program. */
+    control_seen_[which] = v;
     if (!(v & kEnable))
         core(which).stop();
     recount(which, c);

@@ -36,6 +36,7 @@ public:
     /* Scenario key pru.engine: the firmware runs on the cores, or the model
      * stands in for it. */
     bool selected() const { return selected_; }
+    std::string state() const;
     void reset();
     void advance(ns_t now);
     ns_t next_event(ns_t now) const;

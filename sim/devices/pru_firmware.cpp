@@ -45,9 +45,29 @@ constexpr int kEvtFromHost = 21;
 constexpr int kHostPru0 = 0;            /* R31 bit 30 of the PRUs */
 constexpr ns_t kBootTime = 200 * 1000;  /* from enable to the main loop */
 constexpr ns_t kTick = 5;               /* 200 MHz */
-constexpr uint32_t kMaxOvsDepth = 16;
-constexpr uint32_t kErrorOverflow = 2;
 constexpr uint32_t kStandbyInit = 0x10;
+
+/* What pruss/pru0.asm accepts, and its out_error codes. */
+constexpr uint32_t kMaxOvsDepth = 16;
+constexpr uint32_t kMinInterval = 300;
+constexpr uint32_t kMaxInterval = 200000;
+constexpr uint32_t kDdrStart = 0x80000000;
+constexpr uint32_t kDdrEnd = 0xC0000000;
+constexpr uint32_t kMaxSamples = 0x20000000;
+constexpr uint32_t kErrorOverflow = 2;
+constexpr uint32_t kErrorOvsDepth = 3;
+constexpr uint32_t kErrorInterval = 4;
+constexpr uint32_t kErrorPextram = 5;
+constexpr uint32_t kErrorCount = 6;
+
+/* The firmware's timing, in cycles from its listing: from the cycle the
+ * start event arrives in to the timer's start (the wake-up and 78 cycles of
+ * latching and checking), and from a compare hit to the read of the last
+ * conversion and to the next CONVST. Conversion k is the probe at the
+ * CONVST of hit k + 1 and is counted at hit k + 2. */
+constexpr ns_t kStartDelay = 79 * kTick;
+constexpr ns_t kReadDelay = 1 * kTick;
+constexpr ns_t kConvstDelay = 2 * kTick;
 
 const struct {
     PruFirmware::Fault fault;
@@ -86,7 +106,6 @@ PruFirmware::PruFirmware(Pruss& pruss, Board& board, Probe& probe, MeasChannel& 
            true});
     p.add_int("pru.error", &error_code_, "error code the firmware reports in every acquisition (0: none)", 0,
               INT32_MAX);
-    p.add_readonly("pru.state", [this] { return state(); }, "firmware: off, booting, idle or acquiring");
     p.add_readonly("pru.conversions", [this] { return std::to_string(conversions_); },
                    "conversions the model computed (its cost)");
 }
@@ -134,12 +153,15 @@ void PruFirmware::advance(ns_t now)
     }
 
     double hz = meas_.sine_hz;
-    /* The measured sine period in nanoseconds. */
-    comm(OUT_PERIODTIME) = hz > 0 ? static_cast<uint32_t>(std::lround(1e9 / hz)) : 0;
-    comm(DEBUG0) = comm(IN_DELAY);
+    /* The measured sine period in nanoseconds. Without an excitation PRU1
+     * waits for its next edge, so the last period stays. */
+    if (hz > 0)
+        comm(OUT_PERIODTIME) = static_cast<uint32_t>(std::lround(1e9 / hz));
+    comm(DEBUG0) = comm(IN_DELAY) & 31;
     if (acquiring_ && fault_ == Fault::Stall) {
         /* Hung in the acquisition: nothing converted, it goes on from now when released. */
         next_conv_ = std::max(next_conv_, now + conv_period_);
+        pending_ = false;
         pos_mm_ = drive_.position_mm;
         pos_time_ = now;
         if (comm(IN_CMD) == 0)
@@ -164,13 +186,40 @@ void PruFirmware::enter_main_loop()
         pruss_.raise(kEvtToHost);
 }
 
+/* The error code for a request the firmware refuses, or 0. */
+uint32_t PruFirmware::check(const Request& r)
+{
+    if (r.ovsdepth > kMaxOvsDepth)
+        return kErrorOvsDepth;
+    if (r.interval < kMinInterval || r.interval > kMaxInterval)
+        return kErrorInterval;
+    if (r.pextram < kDdrStart || r.pextram >= kDdrEnd)
+        return kErrorPextram;
+    /* The monitor and a request for no samples both store sample 0. */
+    uint64_t samples = std::max<uint32_t>(r.maxcount, 1);
+    if (samples > kMaxSamples || r.pextram + 2 * samples > kDdrEnd)
+        return kErrorCount;
+    return 0;
+}
+
 void PruFirmware::latch(ns_t now)
 {
     req_ = {comm(IN_PEXTRAM), comm(IN_MAXCOUNT), comm(IN_INTERVAL), comm(IN_MINVALID), comm(IN_MAXVALID),
             comm(IN_MODE),    comm(IN_FILTER),   comm(IN_OVSDEPTH), comm(IN_SKIP_SAMPLES)};
-    req_.ovsdepth = std::min(req_.ovsdepth, kMaxOvsDepth);
-    conv_period_ = std::max<ns_t>(1, req_.interval) * kTick;
-    next_conv_ = now + conv_period_;
+    /* out_lastsample keeps the last acquisition's value until a new sample
+     * replaces it: the live readings never drop to 0 at a restart. */
+    for (uint32_t off : {OUT_COUNT, OUT_ERROR, OUT_MAX, OUT_MAXPOS, OUT_MINPOS, OUT_OF_MINCOUNT, DEBUG1})
+        comm(off) = 0;
+    comm(OUT_MIN) = 0xFFFF;
+
+    if (uint32_t error = check(req_)) {
+        comm(OUT_ERROR) = error;
+        return;
+    }
+
+    conv_period_ = static_cast<ns_t>(req_.interval) * kTick;
+    next_conv_ = now / kTick * kTick + kStartDelay + conv_period_ + kConvstDelay;
+    pending_ = false;
     in_sample_ = 0;
     sum_ = 0;
     skip_left_ = req_.skip;
@@ -178,21 +227,15 @@ void PruFirmware::latch(ns_t now)
     have_prev_ = false;
     pos_time_ = now;
     pos_mm_ = drive_.position_mm;
-
-    for (uint32_t off : {OUT_COUNT, OUT_LASTSAMPLE, OUT_ERROR, OUT_MAX, OUT_MAXPOS, OUT_MINPOS, OUT_OF_MINCOUNT, DEBUG1})
-        comm(off) = 0;
-    comm(OUT_MIN) = 0xFFFF;
     comm(OUT_STATE) = 1;
     acquiring_ = true;
-
-    char text[160];
-    snprintf(text, sizeof text, "count=%u interval=%u ovs=%u filter=%u mode=%u skip=%u min=%u max=%u", req_.maxcount,
-             req_.interval, req_.ovsdepth, req_.filter, req_.mode, req_.skip, req_.minvalid, req_.maxvalid);
-    board_.journal("pruss", "acquire", text);
+    journal_state(board_, pruss_);
 }
 
-/* All conversions due up to now, with the probe where the drive had it at
- * each conversion (it moved at constant speed since the last advance). */
+/* All conversions due up to now, in the firmware's order: at each compare
+ * hit the conversion started at the hit before is counted, then the next
+ * one samples the probe where the drive had it then (it moved at constant
+ * speed since the last advance). */
 void PruFirmware::acquire_until(ns_t now)
 {
     double p0 = pos_mm_;
@@ -200,31 +243,46 @@ void PruFirmware::acquire_until(ns_t now)
     ns_t t0 = pos_time_;
     uint32_t per_sample = 1u << req_.ovsdepth;
     skip_overwritten(now, per_sample);
-    while (acquiring_ && next_conv_ <= now) {
-        double x = now > t0 ? p0 + (p1 - p0) * static_cast<double>(next_conv_ - t0) / static_cast<double>(now - t0) : p1;
-        sum_ += static_cast<uint64_t>(probe_.raw(meas_, x, conv_index_++));
-        conversions_++;
-        next_conv_ += conv_period_;
-        if (++in_sample_ < per_sample)
-            continue;
-        uint32_t value = static_cast<uint32_t>(sum_ >> req_.ovsdepth);
-        in_sample_ = 0;
-        sum_ = 0;
-        if (req_.filter == 1) {
-            /* A two-tap average against the previous sample. */
-            uint32_t raw = value;
-            value = have_prev_ ? (value + prev_ + 1) / 2 : value;
-            prev_ = raw;
-            have_prev_ = true;
+    for (;;) {
+        ns_t read_at = pending_ ? next_conv_ - kConvstDelay + kReadDelay : kNever;
+        if (acquiring_ && pending_ && read_at <= now) {
+            pending_ = false;
+            count_conversion(per_sample);
+        } else if (acquiring_ && !pending_ && next_conv_ <= now) {
+            double x = now > t0 ? p0 + (p1 - p0) * static_cast<double>(next_conv_ - t0) / static_cast<double>(now - t0)
+                                : p1;
+            conversion_ = static_cast<uint32_t>(probe_.raw(meas_, x, conv_index_++));
+            conversions_++;
+            next_conv_ += conv_period_;
+            pending_ = true;
+        } else {
+            break;
         }
-        if (skip_left_ > 0) {
-            skip_left_--;
-            continue;
-        }
-        store(value);
     }
     pos_mm_ = p1;
     pos_time_ = now;
+}
+
+void PruFirmware::count_conversion(uint32_t per_sample)
+{
+    sum_ += conversion_;
+    if (++in_sample_ < per_sample)
+        return;
+    uint32_t value = static_cast<uint32_t>(sum_ >> req_.ovsdepth);
+    in_sample_ = 0;
+    sum_ = 0;
+    if (req_.filter == 1) {
+        /* A two-tap average against the previous sample. */
+        uint32_t raw = value;
+        value = have_prev_ ? (value + prev_ + 1) / 2 : value;
+        prev_ = raw;
+        have_prev_ = true;
+    }
+    if (skip_left_ > 0) {
+        skip_left_--;
+        return;
+    }
+    store(value);
 }
 
 /* The monitor (in_maxcount 1) overwrites sample 0 again and again: over a
@@ -236,14 +294,17 @@ void PruFirmware::skip_overwritten(ns_t now, uint32_t per_sample)
 {
     if (req_.maxcount != 1 || skip_left_ > 0 || next_conv_ > now)
         return;
-    uint64_t due = static_cast<uint64_t>((now - next_conv_) / conv_period_) + 1;
+    uint64_t in_flight = pending_ ? 1 : 0;
+    uint64_t due = static_cast<uint64_t>((now - next_conv_) / conv_period_) + 1 + in_flight;
     uint64_t keep = 2 * uint64_t{per_sample}; /* the last sample and the one the filter looks back on */
     if (due <= keep + per_sample)
         return;
     uint64_t drop = due - keep;
     drop -= (in_sample_ + drop) % per_sample; /* to a sample boundary */
-    conv_index_ += drop;
-    next_conv_ += static_cast<ns_t>(drop) * conv_period_;
+    /* The conversion in flight is the oldest of them, already computed. */
+    conv_index_ += drop - in_flight;
+    next_conv_ += static_cast<ns_t>(drop - in_flight) * conv_period_;
+    pending_ = false;
     in_sample_ = 0;
     sum_ = 0;
     have_prev_ = false;
@@ -284,7 +345,24 @@ void PruFirmware::finish()
 {
     comm(OUT_STATE) = 0;
     acquiring_ = false;
-    board_.journal("pruss", "done", "count=" + std::to_string(comm(OUT_COUNT)) + " error=" + std::to_string(comm(OUT_ERROR)));
+    journal_state(board_, pruss_);
+}
+
+/* The request as the firmware latched it when out_state went to 1 (the host
+ * leaves the in_ fields alone while it runs), the outcome when it went back. */
+void PruFirmware::journal_state(Board& board, Pruss& pruss)
+{
+    auto word = [&pruss](uint32_t off) { return pruss.word(Pruss::kSharedRam + off); };
+    if (word(OUT_STATE) == 0) {
+        board.journal("pruss", "done", "count=" + std::to_string(word(OUT_COUNT)) + " error=" +
+                                           std::to_string(word(OUT_ERROR)));
+        return;
+    }
+    char text[160];
+    snprintf(text, sizeof text, "count=%u interval=%u ovs=%u filter=%u mode=%u skip=%u min=%u max=%u",
+             word(IN_MAXCOUNT), word(IN_INTERVAL), word(IN_OVSDEPTH), word(IN_FILTER), word(IN_MODE),
+             word(IN_SKIP_SAMPLES), word(IN_MINVALID), word(IN_MAXVALID));
+    board.journal("pruss", "acquire", text);
 }
 
 /* The waits need to wake for the main-loop signal and for the end of a
@@ -298,7 +376,8 @@ ns_t PruFirmware::next_event(ns_t) const
     /* A request for no samples ends after the first. */
     uint64_t samples_left = std::max<uint64_t>(req_.maxcount, 1) - count_ + skip_left_;
     uint64_t conversions_left = (samples_left << req_.ovsdepth) - in_sample_;
-    return next_conv_ + static_cast<ns_t>(conversions_left - 1) * conv_period_;
+    ns_t first_read = next_conv_ - kConvstDelay + kReadDelay + (pending_ ? 0 : conv_period_);
+    return first_read + static_cast<ns_t>(conversions_left - 1) * conv_period_;
 }
 
 } // namespace sim

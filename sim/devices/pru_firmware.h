@@ -6,7 +6,9 @@
  * It starts when both PRUs are enabled with code loaded, enters its main loop
  * and signals event 19; it latches a request on event 21 while in_cmd is 1,
  * samples the probe through the measurement channel, and returns to its main
- * loop when a counted acquisition is complete or in_cmd goes to 0.
+ * loop when a counted acquisition is complete or in_cmd goes to 0. It keeps
+ * pruss/pru0.asm's timing, checks and error codes, so that both engines give
+ * the same samples.
  */
 #ifndef VELASIM_PRU_FIRMWARE_H
 #define VELASIM_PRU_FIRMWARE_H
@@ -38,6 +40,8 @@ public:
     ns_t next_event(ns_t now) const;
     std::string state() const;
     Fault fault() const { return fault_; }
+    /* The journal line for the out_state the firmware just wrote. */
+    static void journal_state(Board& board, Pruss& pruss);
 
 private:
     enum class Phase { Off, Booting, MainLoop };
@@ -49,8 +53,10 @@ private:
 
     uint32_t& comm(uint32_t offset);
     void enter_main_loop();
+    static uint32_t check(const Request& r);
     void latch(ns_t now);
     void acquire_until(ns_t now);
+    void count_conversion(uint32_t per_sample);
     void skip_overwritten(ns_t now, uint32_t per_sample);
     void store(uint32_t value);
     void finish();
@@ -68,7 +74,9 @@ private:
     bool acquiring_ = false;
     Request req_{};
     ns_t conv_period_ = 0;
-    ns_t next_conv_ = 0;    /* time of the next conversion */
+    ns_t next_conv_ = 0;    /* CONVST of the next conversion */
+    bool pending_ = false;  /* a conversion started, not yet counted */
+    uint32_t conversion_ = 0; /* its value */
     uint64_t conv_index_ = 0;
     uint64_t conversions_ = 0; /* computed, not passed over */
     uint32_t in_sample_ = 0; /* conversions summed for the current sample */

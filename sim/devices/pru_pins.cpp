@@ -20,6 +20,8 @@ void PruAdc::convst(bool level, cycle_t c, bool stalled)
 {
     bool rising = level && !convst_;
     convst_ = level;
+    if (!stalled && busy_until_ == kNeverCycle)
+        busy_until_ = c; /* the stall is over: the chip answers again */
     if (!rising || c < busy_until_) /* the chip ignores CONVST while converting */
         return;
     previous_ = result_;

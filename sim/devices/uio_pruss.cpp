@@ -219,16 +219,21 @@ static int route(uint32_t* map, int index)
 
 bool Pruss::host_active(int host)
 {
-    if (!(reg(kIntc + GER) & 1) || !((reg(kIntc + HIER) >> host) & 1))
-        return false;
-    uint64_t pending = status_ & enabled_;
+    return (active_hosts() >> host) & 1;
+}
+
+/* The host interrupts with a pending event, one bit each; the pending events
+ * only, as the cores ask at every compare hit. */
+uint32_t Pruss::active_hosts()
+{
+    if (!(reg(kIntc + GER) & 1))
+        return 0;
+    uint32_t enabled = reg(kIntc + HIER), hosts = 0;
     uint32_t* cmr = &reg(kIntc + CMR0);
     uint32_t* hmr = &reg(kIntc + HMR0);
-    for (int e = 0; e < 64; e++) {
-        if ((pending >> e) & 1 && route(hmr, route(cmr, e)) == host)
-            return true;
-    }
-    return false;
+    for (uint64_t pending = status_ & enabled_; pending != 0; pending &= pending - 1)
+        hosts |= 1u << route(hmr, route(cmr, __builtin_ctzll(pending)));
+    return hosts & enabled;
 }
 
 bool Pruss::take(int host, int event)
@@ -322,10 +327,8 @@ void Pruss::take_host_writes()
     enabled_ &= ~index(EICR);
     enabled_ |= index(EISR);
     raised |= index(SISR);
-    for (int e = 0; e < 64; e++) {
-        if ((raised >> e) & 1)
-            board_.journal("pruss", "raise", std::to_string(e));
-    }
+    for (uint64_t r = raised; r != 0; r &= r - 1)
+        board_.journal("pruss", "raise", std::to_string(__builtin_ctzll(r)));
     /* pru.fault no-start on the firmware: the request never reaches PRU0. */
     if (engine_->selected() && firmware_->fault() == PruFirmware::Fault::NoStart)
         raised &= ~(uint64_t{1} << kEvtFromHost);
@@ -361,9 +364,10 @@ void Pruss::watch_host()
  * until user space re-enables it. */
 void Pruss::deliver_interrupts()
 {
+    uint32_t active = active_hosts();
     for (int evtout = 0; evtout < 8; evtout++) {
         int host = evtout + kFirstEvtoutHost;
-        if (!host_active(host))
+        if (!((active >> host) & 1))
             continue;
         interrupts_[evtout]++;
         reg(kIntc + HIER) &= ~(1u << host);
@@ -373,7 +377,7 @@ void Pruss::deliver_interrupts()
 void Pruss::intc_changed()
 {
     take_host_writes();
-    r31_hosts_ = (host_active(0) ? 1u << 30 : 0) | (host_active(1) ? 1u << 31 : 0);
+    r31_hosts_ = (active_hosts() & 3u) << 30;
     deliver_interrupts();
 }
 

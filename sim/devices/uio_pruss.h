@@ -71,6 +71,7 @@ private:
     void take_host_writes();
     void watch_host();
     bool host_active(int host);
+    uint32_t active_hosts();
     void deliver_interrupts();
 
     Board& board_;

@@ -97,7 +97,7 @@ const Row kTable[] = {
     {"set drive.position_mm 2;set pru.fault no-stop", "meas", LATE_STEPS, LATE_SAW("error timeout no data", "error aborted")},
     {"set drive.position_mm 2;set pru.fault stall", "meas", LATE_STEPS, LATE_SAW("error timeout no data", "error aborted")},
     {"set pru.fault stall", "meas", "get w z sin_freq", "data \\d+ -?\\d+\\.\\d{3} \\d+\\.\\d{2}"},
-    {"set pru.error 2", "meas", "scan x=0.1", "error OF PLUS"},
+    {"set pru.fault none", "meas", "set w_ov_max=1000;scan x=0.1;set w_ov_max=65535", " \\|\\| error OF PLUS \\|\\| "},
     /* the charger's own faults, with USB power in */
     {"set supply.usb_v 5;set charger.fault thermal", "ready", "idle;get batt_state", ".*event: batt fault.* \\|\\| data 5"},
     {"set supply.usb_v 5;set charger.fault battery", "ready", "idle;get batt_state", ".*event: batt fault.* \\|\\| data 5"},

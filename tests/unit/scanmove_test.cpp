@@ -366,15 +366,23 @@ TEST_F(ScanMove, OverflowLimits)
     EXPECT_EQ(3u, state.meas_cycles);
 }
 
-TEST_F(ScanMove, FirmwareFailures)
+/* Error codes other than an overflow come from requests this program never
+ * makes: the firmware model reports one on demand. */
+class ScanMoveOnTheModel : public ScanMove {
+protected:
+    std::string scenario() const override { return "[pru]\nengine = model\n"; }
+};
+
+TEST_F(ScanMoveOnTheModel, AFirmwareErrorFailsTheScan)
 {
-    /* An error code of the firmware. */
     ASSERT_TRUE(sim::set("pru.error", "5"));
     ASSERT_EQ(1, run("scan x=1"));
     EXPECT_EQ(1, serve());
     EXPECT_THAT(lines(), ElementsAre("7 error error", MatchesRegex("7 ready 0\\.1[0-9][0-9]")));
-    ASSERT_TRUE(sim::set("pru.error", "0"));
+}
 
+TEST_F(ScanMove, FirmwareFailures)
+{
     /* No sample at all: fails on the sixth step, or as much later as the
      * discarded samples take (300 at 1000 samples/s). */
     ASSERT_TRUE(sim::set("pru.fault", "stall"));
@@ -401,7 +409,7 @@ TEST_F(ScanMove, FirmwareFailures)
     EXPECT_THAT(rest, ElementsAre("7 error timeout", MatchesRegex("7 ready 3\\.1[0-9][0-9]")));
     EXPECT_GE(got.size(), 900u);
     EXPECT_LE(got.size(), 1100u);
-    EXPECT_EQ(4u, state.meas_cycles);
+    EXPECT_EQ(3u, state.meas_cycles);
     sim::set("pru.fault", "none");
 
     /* A count past the buffer (a firmware gone wrong) is never read past it. */
