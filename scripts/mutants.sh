@@ -6,8 +6,9 @@
 #
 #   scripts/mutants.sh [-p PRESET] [-R CTEST_REGEX] [-E CTEST_EXCLUDE] [-n LINE] [LIST]
 #
-# LIST (default scripts/mutants.txt): "file<TAB>text<TAB>replacement" a line,
-# '#' comments; the text must occur exactly once in the file. -n runs only
+# LIST (default scripts/mutants.txt): "file<TAB>text<TAB>replacement" a line
+# (\n stands for a line end), '#' comments; the text must occur exactly once
+# in the file. -n runs only
 # the mutation on that line of the list. The tree must be clean where the
 # list mutates; every file is restored afterwards, also on Ctrl-C.
 set -uo pipefail
@@ -43,7 +44,7 @@ trap 'restore; rm -rf "$backup"; exit 130' INT TERM
 apply() {
   python3 - "$@" <<'PY'
 import sys
-path, old, new = sys.argv[1:4]
+path, old, new = (a.replace("\\n", "\n") for a in sys.argv[1:4])
 text = open(path).read()
 if text.count(old) != 1:
     sys.exit(1)

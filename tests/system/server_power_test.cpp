@@ -13,6 +13,7 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsSupersetOf;
+using testing::StartsWith;
 
 namespace {
 
@@ -80,6 +81,13 @@ TEST_F(ServerPower, UsbPowerComesAndGoes)
     EXPECT_THAT(events_over(server, client, "1s", 3), ElementsAre("0 event charging"));
     std::vector<std::string> journal = server.journal();
     EXPECT_THAT(journal, IsSupersetOf({"system \"sh ./usb_gadget.sh bind\" 0", "system \"sh ./usb_gadget.sh start\" 0"}));
+    /* A client that comes now hears of the slow charge alone: a level
+     * means nothing while USB charges. */
+    vt::LineClient later;
+    ASSERT_TRUE(later.connect(server.port()));
+    later.send("1 get batt_state");
+    EXPECT_THAT(later.read_until([](const std::string& l) { return l.rfind("1 ready", 0) == 0; }),
+                ElementsAre("0 event charging", "1 ack", "1 data 1", StartsWith("1 ready")));
 
     /* The server runs at the end of each step, and each of its waits
      * between the readings takes one. */

@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include <cerrno>
 #include <cstdlib>
 #include <ctime>
@@ -233,6 +235,16 @@ TEST_F(Pstate, SleepTimeEndsTheSuspendWithShutdownAtTheFirstAlarmPastIt)
     EXPECT_GE(a[0], t0 + 32);
     EXPECT_LE(a[0], t0 + 33);
     EXPECT_THAT(vt::entries("power "), ElementsAre("power suspend", "power resume rtc"));
+    /* The counters are saved again on the way from eco (its cpufreq
+     * writes) into the sleep. */
+    std::vector<std::string> all = vt::entries("");
+    auto suspend = std::find(all.begin(), all.end(), "power suspend");
+    auto eco = std::find_if(std::make_reverse_iterator(suspend), all.rend(),
+                            [](const std::string& e) { return e.find("cpufreq") != std::string::npos; });
+    ASSERT_NE(all.rend(), eco);
+    EXPECT_NE(suspend, std::find_if(eco.base(), suspend, [](const std::string& e) {
+                  return e.find("nvram write") != std::string::npos;
+              }));
     EXPECT_EQ("60", sim::get("backlight.brightness"));
     EXPECT_EQ("0", sim::get("usbhost.power"));
 
