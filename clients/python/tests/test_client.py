@@ -35,6 +35,16 @@ class ServerTest(unittest.TestCase):
                 return
         self.fail(f"no reply to {request.command} in 2 s of board time")
 
+    def reading_after_change(self, inst, before):
+        """The live reading once it has moved off `before` by more than the
+        noise: the acquisition takes board time to follow the probe."""
+        for _ in range(200):
+            w = inst.get("w")
+            if abs(w - before) > 1000:
+                return w
+            self.server.ctl("clock", "advance", "10ms")
+        self.fail(f"the live reading stays at {before}")
+
     def test_channels_are_typed_by_the_capabilities(self):
         inst = self.connect()
         caps = inst.capabilities()
@@ -129,8 +139,10 @@ class ServerTest(unittest.TestCase):
         self.addCleanup(inst.set, **before)
         t0 = time.time()
         self.server.ctl("set", "workpiece.profile", "0:50 20:50")
+        reading = self.reading_after_change(inst, 0)
         inst.calibrate_point1(50)
         self.server.ctl("set", "workpiece.profile", "0:-50 20:-50")
+        self.reading_after_change(inst, reading)
         offset, scale = inst.calibrate_point2(-50)
         inst.wait_event("calibration updated", timeout=5, since=t0)
         # The board's probe: 39830 at height 0, 8.18591e-6 mm per digit.
