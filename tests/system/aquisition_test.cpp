@@ -142,13 +142,7 @@ TEST(Aquisition, FirmwareThatNeverSignalsBlocksTheStart)
     ASSERT_TRUE(await_output(child, "aquisition_init(): wait for firmware (re-)entering mainloop"));
     /* The firmware comes up while the host waits (the board's clock may not
      * have reached the end of its boot yet when the line is printed). */
-    std::string pru_state;
-    for (int i = 0; i < 100 && pru_state != "idle\n"; i++) {
-        pru_state = board.ctl({"get", "pru.state"}).out;
-        if (pru_state != "idle\n")
-            usleep(20000);
-    }
-    ASSERT_EQ("idle\n", pru_state);
+    ASSERT_TRUE(vt::eventually([&] { return board.ctl({"get", "pru.state"}).out == "idle\n"; }));
     EXPECT_FALSE(child.wait(500));
     EXPECT_EQ(std::string::npos, child.err().find("aquisition_init(): done"));
     child.signal(SIGKILL);

@@ -245,8 +245,9 @@ TEST_F(ServerSlowReader, AStalledScanClientGetsEverySampleOrIsDropped)
         requests += "1 capabilities\n";
     reader.send_raw(requests + "2 scan x=17.5\n");
     /* The scan ends (and counts) while its client reads nothing. */
-    for (int i = 0; i < 200 && other.request(3, "get meas_cycles") != std::vector<std::string>{"3 ack", "3 data 1", "3 ready 0.000"}; i++)
-        usleep(50000);
+    vt::eventually([&] {
+        return other.request(3, "get meas_cycles") == std::vector<std::string>{"3 ack", "3 data 1", "3 ready 0.000"};
+    });
     size_t samples = 0;
     std::vector<std::string> lines = read_all(2);
     for (const std::string& l : lines) {
@@ -269,8 +270,7 @@ TEST_F(ServerSlowReader, AFloodingClientIsDroppedAndDelaysNobody)
     for (int i = 0; i < 10; i++)
         EXPECT_THAT(other.request(40 + i, "get"), ElementsAre(std::to_string(40 + i) + " ack", std::to_string(40 + i) + " data",
                                                             std::to_string(40 + i) + " ready 0.000"));
-    for (int i = 0; i < 400 && server.err().find("replies unread") == std::string::npos; i++)
-        usleep(50000);
+    vt::eventually([&] { return server.err().find("replies unread") != std::string::npos; });
     EXPECT_THAT(server.err(), HasSubstr("left more than 262144 bytes of replies unread"));
     read_all(2); /* no such id: everything up to the close */
     EXPECT_TRUE(reader.closed_by_peer(0));
