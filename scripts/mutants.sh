@@ -71,12 +71,14 @@ while IFS=$'\t' read -r file old new; do
     verdict="caught (does not build)"
     caught=$((caught + 1))
   elif ctest --preset "$preset" -j "$jobs" --timeout 300 ${regex:+-R "$regex"} ${exclude:+-E "$exclude"} \
-        --stop-on-failure >/dev/null 2>&1; then
+        --stop-on-failure >"$backup/log" 2>&1; then
     verdict="ESCAPED"
     escaped=$((escaped + 1))
     escapes+=("$lineno: $file: $new")
   else
-    verdict="caught"
+    # The first test that failed: which test guards against this fault.
+    by=$(sed -n 's/.*Test *#[0-9]*: \([^ ]*\) .*\*\*\*.*/\1/p' "$backup/log" | head -1)
+    verdict="caught${by:+ by $by}"
     caught=$((caught + 1))
   fi
   restore
