@@ -1,15 +1,16 @@
 #include "server.h"
 
+#include "boardctl.h"
 #include "emulator.h"
 #include "free_port.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
 #include <csignal>
 #include <netinet/in.h>
 #include <poll.h>
 #include <regex>
-#include <sstream>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -17,7 +18,6 @@
 namespace vt {
 
 namespace {
-
 
 std::string shell_quote(const std::string& s)
 {
@@ -64,18 +64,15 @@ bool ServerUnderTest::start(const std::vector<std::string>& args, int port)
 bool ServerUnderTest::launch(const std::vector<std::string>& args, int port)
 {
     port_ = port != 0 ? port : free_port();
-    std::string cmd = "exec";
-    for (const std::string& word : emulated({VELASIM_PATH}))
-        cmd += " " + shell_quote(word);
-    cmd += " run --dir " + shell_quote(board_);
-    if (!carry_on_ || !launched_)
-        cmd += " --scenario " + shell_quote(tmp_.file("scenario.ini"));
-    cmd += " --clock " + shell_quote(clock_) + " -- " + shell_quote(VELATOOL_PATH);
+    std::vector<std::string> argv = {VELATOOL_PATH};
+    argv.insert(argv.end(), args.begin(), args.end());
+    argv.insert(argv.end(), {"-r", std::to_string(port_)});
+    bool fresh = !carry_on_ || !launched_;
     launched_ = true;
-    for (const std::string& a : args)
-        cmd += " " + shell_quote(a);
-    cmd += " -r " + std::to_string(port_) + " > " + shell_quote(tmp_.file("out")) + " 2> " +
-           shell_quote(tmp_.file("err"));
+    std::string cmd = "exec";
+    for (const std::string& word : emulated(under_board(board_, argv, fresh ? tmp_.file("scenario.ini") : "", clock_)))
+        cmd += " " + shell_quote(word);
+    cmd += " > " + shell_quote(tmp_.file("out")) + " 2> " + shell_quote(tmp_.file("err"));
     std::string env = "ORVIK_CONFIGPATH=" + (config_root_.empty() ? config_dir() : config_root_);
     pid_t pid = fork();
     if (pid < 0)
@@ -132,28 +129,17 @@ std::string ServerUnderTest::err() const
     return read_file(tmp_.file("err"));
 }
 
-ProcessResult ServerUnderTest::ctl(const std::vector<std::string>& command) const
-{
-    std::vector<std::string> argv = {VELASIM_PATH, "ctl", "--dir", board_};
-    argv.insert(argv.end(), command.begin(), command.end());
-    return run_process(argv);
-}
-
 bool ServerUnderTest::advance(const std::string& duration) const
 {
-    return ctl({"clock", "advance", duration}).status == 0;
+    return control_ok(board_control(board_, "clock advance " + duration));
 }
 
-std::vector<std::string> ServerUnderTest::journal() const
+/* The board serves its control face only while the program waits, and a
+ * connection it accepts in one wait is answered in a later one: the answer
+ * comes once the program has dealt with what woke it and waits again. */
+bool ServerUnderTest::settle() const
 {
-    std::vector<std::string> lines;
-    std::istringstream in(read_file(board_ + "/journal"));
-    std::string line;
-    while (std::getline(in, line)) {
-        size_t sp = line.find(' ');
-        lines.push_back(sp == std::string::npos ? line : line.substr(sp + 1));
-    }
-    return lines;
+    return control_ok(board_control(board_, "clock"));
 }
 
 LineClient::~LineClient()
@@ -223,8 +209,7 @@ bool LineClient::read_line(std::string* line, int timeout_ms)
             pending_.erase(0, lf + 1);
             return true;
         }
-        long long left = deadline - now_ms();
-        if (left <= 0 || !fill(static_cast<int>(left)))
+        if (!fill(static_cast<int>(std::max(0LL, deadline - now_ms()))))
             return false;
     }
 }

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "process.h"
+#include "simrun.h"
 #include "tempdir.h"
 
 namespace vt {
@@ -49,11 +50,14 @@ public:
      * board (under dir()/fs), where its faults reach them. */
     void set_config_root(const std::string& root) { config_root_ = root; }
 
-    ProcessResult ctl(const std::vector<std::string>& command) const;
+    ProcessResult ctl(const std::vector<std::string>& command) const { return board_ctl(board_, command); }
+    std::vector<std::string> journal() const { return journal_in(board_); }
     /* Moves board time on (step mode). */
     bool advance(const std::string& duration) const;
-    /* Journal lines without timestamps. */
-    std::vector<std::string> journal() const;
+    /* Returns once the program waits for the board again, having done all
+     * that the board time reached so far called for: in step mode it does
+     * nothing more until time moves on. */
+    bool settle() const;
 
 private:
     TempDir tmp_;
@@ -85,7 +89,8 @@ public:
     bool send_raw(const std::string& text);
     /* Sends one request line, ended by a line feed. */
     bool send(const std::string& line) { return send_raw(line + "\n"); }
-    /* The next line without its line feed; false on time-out or close. */
+    /* The next line without its line feed; false on time-out or close
+     * (timeout 0: only a line that has arrived already). */
     bool read_line(std::string* line, int timeout_ms = 5000);
     /* Lines up to and including the first that pred accepts. */
     std::vector<std::string> read_until(const std::function<bool(const std::string&)>& pred, int timeout_ms = 5000);

@@ -12,6 +12,15 @@
 
 namespace vt {
 
+/* velasim run --dir DIR [--scenario FILE] [--clock MODE] -- ARGS... */
+std::vector<std::string> under_board(const std::string& dir, const std::vector<std::string>& args,
+                                     const std::string& scenario_file = "", const std::string& clock = "");
+/* velasim ctl --dir DIR COMMAND... against the board's running program. */
+ProcessResult board_ctl(const std::string& dir, const std::vector<std::string>& command);
+/* The journal of the board in dir without timestamps:
+ * "/dev/i2c-1@0x60 write 08 22". */
+std::vector<std::string> journal_in(const std::string& dir);
+
 class SimBoard {
 public:
     /* A board directory with the given scenario text (empty: healthy board). */
@@ -22,25 +31,22 @@ public:
     ProcessResult velatool(const std::vector<std::string>& args, int timeout_ms = 60000);
     /* Starts velatool ARGS... under the board and returns at once. */
     bool start(ChildProcess& child, const std::vector<std::string>& args);
-    /* velasim ctl COMMAND... against the running board. */
-    ProcessResult ctl(const std::vector<std::string>& command);
-    /* Journal lines without their timestamps: "/dev/i2c-1@0x60 write 08 22". */
-    std::vector<std::string> journal() const;
+    ProcessResult ctl(const std::vector<std::string>& command) const { return board_ctl(tmp_.file("board"), command); }
+    std::vector<std::string> journal() const { return journal_in(tmp_.file("board")); }
     /* Waits until the journal has an entry containing needle. */
     bool await_journal(const std::string& needle, int timeout_ms = 20000) const;
 
 private:
-    std::vector<std::string> command(const std::vector<std::string>& args, bool fresh);
+    std::vector<std::string> command(const std::vector<std::string>& args);
     TempDir tmp_;
-    std::string scenario_file_;
     bool fresh_ = true;
 };
 
-/* The journal of the board in board_dir, as SimBoard::journal gives it. */
-std::vector<std::string> journal_in(const std::string& board_dir);
-
 /* Entries of a journal that mention needle, in order. */
 std::vector<std::string> grep(const std::vector<std::string>& lines, const std::string& needle);
+
+/* How often needle occurs in text. */
+size_t count_of(const std::string& text, const std::string& needle);
 
 } // namespace vt
 

@@ -5,7 +5,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <unistd.h>
 
 #include "simrun.h"
 
@@ -18,28 +17,17 @@ namespace {
 /* Channel on, sine at 20 kHz. */
 const char kMeasuring[] = "[meas]\npower = 1\n[sine]\ncontrol = 0\nfreq0 = 335544\n[clock]\nmode = warp\n";
 
-size_t count_of(const std::string& text, const std::string& needle)
-{
-    size_t n = 0;
-    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1))
-        n++;
-    return n;
-}
-
 /* Journal entries that mention needle, once there are at least n of them. */
 std::vector<std::string> await_entries(const vt::SimBoard& board, const std::string& needle, size_t n)
 {
-    long long deadline = vt::now_ms() + 20000;
-    std::vector<std::string> found;
-    while ((found = vt::grep(board.journal(), needle)).size() < n && vt::now_ms() < deadline)
-        usleep(20000);
-    return found;
+    vt::eventually([&] { return vt::grep(board.journal(), needle).size() >= n; });
+    return vt::grep(board.journal(), needle);
 }
 
 bool await_output(vt::ChildProcess& child, const std::string& needle, size_t n = 1)
 {
     return child.wait_output(20000, [&](const std::string& out, const std::string& err) {
-        return count_of(out + err, needle) >= n;
+        return vt::count_of(out + err, needle) >= n;
     });
 }
 
@@ -53,7 +41,7 @@ TEST(Aquisition, CountedAcquisitionWritesTheSampleFile)
     EXPECT_THAT(r.out, HasSubstr("\ndone: error=0\ncommunication structure:\n"));
     EXPECT_THAT(r.out, HasSubstr("\nHistogram width: "));
     EXPECT_EQ(std::string::npos, r.out.find("Failed."));
-    EXPECT_EQ(4096u, count_of(vt::read_file(file), "\n"));
+    EXPECT_EQ(4096u, vt::count_of(vt::read_file(file), "\n"));
     EXPECT_THAT(vt::grep(board.journal(), "pruss"),
                 ElementsAre("pruss pru0 start 0x0724", "pruss pru1 start 0x0220", "pruss raise 21",
                             "pruss acquire count=4096 interval=1562 ovs=6 filter=1 mode=9 skip=0 min=0 max=65535",

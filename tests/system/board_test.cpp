@@ -14,24 +14,6 @@ using testing::HasSubstr;
 
 namespace {
 
-/* velasim run --dir DIR [--clock MODE] -- ARGS... */
-std::vector<std::string> under_board(const std::string& dir, const std::vector<std::string>& args,
-                                     const std::string& clock = "")
-{
-    std::vector<std::string> argv = {VELASIM_PATH, "run", "--dir", dir};
-    if (!clock.empty())
-        argv.insert(argv.end(), {"--clock", clock});
-    argv.push_back("--");
-    argv.insert(argv.end(), args.begin(), args.end());
-    return argv;
-}
-
-vt::ProcessResult ctl(const std::string& dir, std::vector<std::string> command)
-{
-    command.insert(command.begin(), {VELASIM_PATH, "ctl", "--dir", dir});
-    return vt::run_process(command);
-}
-
 /* These run host programs (sleep, sh) under the board: a board built for
  * another machine cannot be loaded into them. */
 #ifdef VELA_EMULATOR
@@ -40,21 +22,33 @@ vt::ProcessResult ctl(const std::string& dir, std::vector<std::string> command)
 #define SKIP_WITH_HOST_PROGRAMS() (void)0
 #endif
 
-TEST(Launcher, OneProgramPerBoardDirectory)
+/* Any program under the launcher carries the board: a sleeping one serves
+ * its control face and holds the board directory. */
+TEST(Launcher, OneProgramPerBoardDirectoryWhichCtlControls)
 {
     SKIP_WITH_HOST_PROGRAMS();
     vt::TempDir tmp;
     std::string dir = tmp.file("board");
     vt::ChildProcess first;
-    ASSERT_TRUE(first.start(under_board(dir, {"/bin/sleep", "30"})));
+    ASSERT_TRUE(first.start(vt::under_board(dir, {"/bin/sleep", "30"})));
     ASSERT_TRUE(vt::eventually([&] { return vt::file_exists(dir + "/control.sock"); }));
-    vt::ProcessResult r = vt::run_process(under_board(dir, {VELATOOL_PATH, "-a"}));
+    vt::ProcessResult r = vt::run_process(vt::under_board(dir, {VELATOOL_PATH, "-a"}));
     EXPECT_EQ(2, r.status);
     EXPECT_THAT(r.err, HasSubstr("velasim: the board in " + dir + " is in use by process " +
                                  std::to_string(first.pid())));
+
+    EXPECT_EQ("3\n", vt::board_ctl(dir, {"get", "drive.position_mm"}).out);
+    EXPECT_EQ(0, vt::board_ctl(dir, {"set", "drive.position_mm", "1.5"}).status);
+    EXPECT_EQ("1.5\n", vt::board_ctl(dir, {"get", "drive.position_mm"}).out);
+    r = vt::board_ctl(dir, {"set", "nonsense", "1"});
+    EXPECT_EQ(1, r.status);
+    EXPECT_THAT(r.err, HasSubstr("unknown key 'nonsense'"));
+    EXPECT_THAT(vt::board_ctl(dir, {"help"}).out, HasSubstr("journal-clear"));
+
     first.signal(SIGTERM);
     first.wait(10000);
-    EXPECT_EQ(0, vt::run_process(under_board(dir, {VELATOOL_PATH, "-a"})).status);
+    EXPECT_EQ(2, vt::board_ctl(dir, {"state"}).status); /* nobody left to answer */
+    EXPECT_EQ(0, vt::run_process(vt::under_board(dir, {VELATOOL_PATH, "-a"})).status);
 }
 
 TEST(Launcher, CtlGivesUpOnABoardThatDoesNotAnswer)
@@ -63,7 +57,7 @@ TEST(Launcher, CtlGivesUpOnABoardThatDoesNotAnswer)
     vt::TempDir tmp;
     std::string dir = tmp.file("board");
     vt::ChildProcess stopped;
-    ASSERT_TRUE(stopped.start(under_board(dir, {"/bin/sh", "-c", "kill -STOP $$"})));
+    ASSERT_TRUE(stopped.start(vt::under_board(dir, {"/bin/sh", "-c", "kill -STOP $$"})));
     /* Stopped, which is after the board listens (the socket file alone
      * appears at bind, before the listen). */
     ASSERT_TRUE(vt::eventually([&] {
@@ -87,12 +81,12 @@ TEST(Launcher, ASuspendEndsOnAWakeUpFromTheControlFace)
     std::string dir = tmp.file("board");
     vt::ChildProcess sleeper;
     ASSERT_TRUE(sleeper.start(
-        under_board(dir, {"/bin/sh", "-c", "echo mem > /sys/power/state && echo resumed"}, "step")));
+        vt::under_board(dir, {"/bin/sh", "-c", "echo mem > /sys/power/state && echo resumed"}, "", "step")));
     ASSERT_TRUE(vt::eventually([&] { return vt::grep(vt::journal_in(dir), "power suspend").size() == 1; }));
-    EXPECT_EQ(0, ctl(dir, {"clock", "advance", "90s"}).status);
-    EXPECT_THAT(ctl(dir, {"clock"}).out, HasSubstr("\nsuspended = 90.000000\n"));
-    EXPECT_EQ(1, ctl(dir, {"wake", "button", "twice"}).status);
-    EXPECT_EQ(0, ctl(dir, {"wake", "button"}).status);
+    EXPECT_EQ(0, vt::board_ctl(dir, {"clock", "advance", "90s"}).status);
+    EXPECT_THAT(vt::board_ctl(dir, {"clock"}).out, HasSubstr("\nsuspended = 90.000000\n"));
+    EXPECT_EQ(1, vt::board_ctl(dir, {"wake", "button", "twice"}).status);
+    EXPECT_EQ(0, vt::board_ctl(dir, {"wake", "button"}).status);
     ASSERT_TRUE(sleeper.wait(20000));
     EXPECT_EQ(0, sleeper.status());
     EXPECT_EQ("resumed\n", sleeper.out());
@@ -117,7 +111,7 @@ TEST(Launcher, TheRtcRamSurvivesAKillInTheMiddleOfAWrite)
     int torn = 0;
     for (int round = 0; round < 40; round++) {
         vt::ChildProcess writer;
-        ASSERT_TRUE(writer.start(under_board(dir, {"/bin/sh", "-c", loop})));
+        ASSERT_TRUE(writer.start(vt::under_board(dir, {"/bin/sh", "-c", loop})));
         size_t writes = static_cast<size_t>(1 + round % 7);
         ASSERT_TRUE(vt::eventually([&] { return vt::grep(vt::journal_in(dir), "nvram write").size() >= writes; }));
         writer.signal(SIGKILL);

@@ -2,7 +2,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <csignal>
 #include <filesystem>
 
 #include "simrun.h"
@@ -65,40 +64,6 @@ TEST(DriveActions, TheBoardCarriesOnBetweenRuns)
     ASSERT_EQ(0, board.velatool({"-d", "0"}).status); /* full speed towards home */
     vt::ProcessResult r = board.velatool({"-a"});
     EXPECT_THAT(r.out, HasSubstr("0: endposition reached"));
-}
-
-TEST(Velasim, ControlsARunningBoard)
-{
-#ifdef VELA_EMULATOR
-    GTEST_SKIP() << "the host's sleep cannot carry a board built for another machine";
-#endif
-    vt::SimBoard board;
-    vt::ChildProcess sleeper;
-    /* Any program under the launcher carries the board; a sleeping one
-     * serves its control socket. */
-    std::vector<std::string> argv = {VELASIM_PATH, "run", "--dir", board.dir() + "/live", "--", "/bin/sleep", "30"};
-    ASSERT_TRUE(sleeper.start(argv));
-    long long deadline = vt::now_ms() + 20000;
-    while (!vt::file_exists(board.dir() + "/live/control.sock") && vt::now_ms() < deadline)
-        usleep(10000);
-
-    auto ctl = [&](std::vector<std::string> cmd) {
-        cmd.insert(cmd.begin(), {VELASIM_PATH, "ctl", "--dir", board.dir() + "/live"});
-        return vt::run_process(cmd);
-    };
-    vt::ProcessResult r = ctl({"get", "drive.position_mm"});
-    EXPECT_EQ(0, r.status);
-    EXPECT_EQ("3\n", r.out);
-    EXPECT_EQ(0, ctl({"set", "drive.position_mm", "1.5"}).status);
-    EXPECT_EQ("1.5\n", ctl({"get", "drive.position_mm"}).out);
-    r = ctl({"set", "nonsense", "1"});
-    EXPECT_EQ(1, r.status);
-    EXPECT_THAT(r.err, HasSubstr("unknown key 'nonsense'"));
-    EXPECT_THAT(ctl({"help"}).out, HasSubstr("journal-clear"));
-
-    sleeper.signal(SIGTERM);
-    sleeper.wait(10000);
-    EXPECT_EQ(2, ctl({"state"}).status); /* nobody left to answer */
 }
 
 TEST(Velasim, RefusesBadScenariosAndNamesItsTemporaryBoard)

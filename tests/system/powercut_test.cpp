@@ -7,7 +7,9 @@
  * printed at the end of each test. */
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cstdint>
+#include <cstring>
 #include <cstdio>
 #include <filesystem>
 #include <sstream>
@@ -23,20 +25,18 @@ namespace {
 const char kFolder[] = "/var/opt/Orvik/vela";
 const char kNvram[] = "/sys/class/rtc/rtc1/device/nvram";
 
-/* The counters as the block holds them; valid only with a good CRC and
- * version 1. */
+/* The counters as the block holds them (uptime, eco, meas, batt, batts);
+ * valid only with a good CRC and version 1. */
 struct Counters {
     bool valid = false;
-    uint32_t uptime = 0, eco = 0, meas = 0, batt = 0, batts = 0;
-    bool operator==(const Counters& o) const
-    {
-        return valid == o.valid && uptime == o.uptime && eco == o.eco && meas == o.meas && batt == o.batt &&
-               batts == o.batts;
-    }
+    std::array<uint32_t, 5> v{};
+    bool operator==(const Counters&) const = default;
     std::string text() const
     {
-        return (valid ? "" : "invalid ") + std::to_string(uptime) + "/" + std::to_string(eco) + "/" +
-               std::to_string(meas) + "/" + std::to_string(batt) + "/" + std::to_string(batts);
+        std::string t = valid ? "" : "invalid ";
+        for (uint32_t x : v)
+            t += std::to_string(x) + "/";
+        return t;
     }
 };
 
@@ -44,9 +44,9 @@ Counters decode_block(const std::string& hex)
 {
     std::istringstream in(hex);
     std::vector<uint8_t> b;
-    unsigned v;
-    while (b.size() < 28 && in >> std::hex >> v)
-        b.push_back(static_cast<uint8_t>(v));
+    unsigned x;
+    while (b.size() < 28 && in >> std::hex >> x)
+        b.push_back(static_cast<uint8_t>(x));
     Counters c;
     if (b.size() < 28)
         return c;
@@ -54,11 +54,7 @@ Counters decode_block(const std::string& hex)
         return b[at] | b[at + 1] << 8 | b[at + 2] << 16 | static_cast<uint32_t>(b[at + 3]) << 24;
     };
     c.valid = u32(0) == crc32(0, b.data() + 4, 24) && u32(4) == 1;
-    c.uptime = u32(8);
-    c.eco = u32(12);
-    c.meas = u32(16);
-    c.batt = u32(20);
-    c.batts = b[24];
+    c.v = {u32(8), u32(12), u32(16), u32(20), b[24]};
     return c;
 }
 
@@ -104,13 +100,7 @@ protected:
         return client.closed_by_peer() && server.wait_exit() == 128 + 9;
     }
 
-    bool ctl_ok(const std::vector<std::string>& command)
-    {
-        std::string line;
-        for (const std::string& w : command)
-            line += (line.empty() ? "" : " ") + w;
-        return vt::control_ok(vt::board_control(server.dir(), line));
-    }
+    bool ctl_ok(const std::string& line) { return vt::control_ok(vt::board_control(server.dir(), line)); }
 
     Counters block() { return decode_block(vt::board_control(server.dir(), "get rtc.nvram")); }
 
@@ -169,18 +159,17 @@ protected:
     Counters mirror()
     {
         std::string text = file("nv_state.ini");
-        auto key = [&](const std::string& section, const std::string& k, uint32_t* v) {
-            size_t s = text.find("[" + section + "]");
-            size_t at = s == std::string::npos ? s : text.find("\n" + k + "=", s);
-            if (at == std::string::npos)
-                return false;
-            *v = static_cast<uint32_t>(std::stoul(text.substr(at + k.size() + 2)));
-            return true;
-        };
+        const char* keys[][2] = {
+            {"uptime", "ready"}, {"uptime", "eco"}, {"cyclecounter", "meas"}, {"cyclecounter", "batt"}, {"cyclecounter", "batts"}};
         Counters c;
-        c.valid = key("uptime", "ready", &c.uptime) && key("uptime", "eco", &c.eco) &&
-                  key("cyclecounter", "meas", &c.meas) && key("cyclecounter", "batt", &c.batt) &&
-                  key("cyclecounter", "batts", &c.batts);
+        c.valid = true;
+        for (size_t i = 0; i < c.v.size(); i++) {
+            size_t s = text.find(std::string("[") + keys[i][0] + "]");
+            size_t at = s == std::string::npos ? s : text.find(std::string("\n") + keys[i][1] + "=", s);
+            c.valid = c.valid && at != std::string::npos;
+            if (at != std::string::npos)
+                c.v[i] = static_cast<uint32_t>(std::stoul(text.substr(at + strlen(keys[i][1]) + 2)));
+        }
         return c;
     }
 
@@ -207,9 +196,9 @@ TEST_F(PowerCut, CalibrationSaveCutAtEveryStep)
         int steps = 0;
         for (;; steps++) {
             ASSERT_EQ("", ask(std::string("set ") + kCalibrationA));
-            ASSERT_TRUE(ctl_ok({"fault", kFolder, op, "cut", "after", std::to_string(steps)}));
+            ASSERT_TRUE(ctl_ok(std::string("fault ") + kFolder + " " + op + " cut after " + std::to_string(steps)));
             if (ask(std::string("set ") + kCalibrationB) != "closed") {
-                ASSERT_TRUE(ctl_ok({"faults-clear"}));
+                ASSERT_TRUE(ctl_ok("faults-clear"));
                 break; /* the save has no more steps of this kind */
             }
             ASSERT_TRUE(was_cut()) << op << " " << steps;
@@ -229,10 +218,10 @@ TEST_F(PowerCut, CalibrationSaveCutAtEveryStep)
                 if (std::string(err) != "EIO" && std::string(op) != "write")
                     continue;
                 ASSERT_EQ("", ask(std::string("set ") + kCalibrationA));
-                ASSERT_TRUE(ctl_ok({"fault", kFolder, op, err, "after", std::to_string(n)}));
+                ASSERT_TRUE(ctl_ok(std::string("fault ") + kFolder + " " + op + " " + err + " after " + std::to_string(n)));
                 EXPECT_EQ("", ask(std::string("set ") + kCalibrationB)) << op << " " << err;
                 EXPECT_EQ(kValuesB, ask(kGetCalibration)) << op << " " << err;
-                ASSERT_TRUE(ctl_ok({"faults-clear"}));
+                ASSERT_TRUE(ctl_ok("faults-clear"));
                 /* the change stays pending: the next set of anything saves it */
                 ASSERT_EQ("", ask("set tracelevel=3"));
                 EXPECT_NE(std::string::npos, file("velatool.ini").find("w_offset=32000")) << op << " " << err;
@@ -277,14 +266,14 @@ TEST_F(PowerCut, CounterSaveCutAtEveryByteAndStep)
     };
 
     for (int k = 0; k <= 28; k++) {
-        ASSERT_TRUE(ctl_ok({"clock", "advance", "37s"}));
+        ASSERT_TRUE(server.advance("37s"));
         ASSERT_EQ("", ask("set pstate=eco")); /* block and mirror alike */
         ASSERT_EQ("", ask("set pstate=ready"));
         Counters before = block();
         ASSERT_TRUE(before.valid);
         ASSERT_EQ(before.text(), mirror().text());
-        ASSERT_TRUE(ctl_ok({"fault", kNvram, "write", "cut:" + std::to_string(k)}));
-        ASSERT_TRUE(ctl_ok({"clock", "advance", "10s"})); /* the idle timer saves the block */
+        ASSERT_TRUE(ctl_ok(std::string("fault ") + kNvram + " write cut:" + std::to_string(k)));
+        ASSERT_TRUE(server.advance("10s")); /* the idle timer saves the block */
         check_after_cut(before, "block cut after " + std::to_string(k) + " bytes");
         if (HasFatalFailure())
             return;
@@ -292,11 +281,11 @@ TEST_F(PowerCut, CounterSaveCutAtEveryByteAndStep)
 
     for (const char* op : {"open", "write", "fsync", "rename"}) {
         for (int n = 0;; n++) {
-            ASSERT_TRUE(ctl_ok({"clock", "advance", "53s"}));
+            ASSERT_TRUE(server.advance("53s"));
             Counters before = block();
-            ASSERT_TRUE(ctl_ok({"fault", kFolder, op, "cut", "after", std::to_string(n)}));
+            ASSERT_TRUE(ctl_ok(std::string("fault ") + kFolder + " " + op + " cut after " + std::to_string(n)));
             if (ask("set pstate=eco") != "closed") {
-                ASSERT_TRUE(ctl_ok({"faults-clear"}));
+                ASSERT_TRUE(ctl_ok("faults-clear"));
                 ASSERT_EQ("", ask("set pstate=ready"));
                 EXPECT_GT(n, 0) << "no " << op << " in a save";
                 break;

@@ -48,11 +48,11 @@ TEST_F(Server, RequestsAreAcknowledgedAnsweredAndReadied)
     client.send_raw("19 get\r\n");
     EXPECT_THAT(client.read_until([](const std::string& l) { return vt::is_ready_line(l, 19); }),
                 ElementsAre("19 ack", "19 data", "19 ready 0.000"));
-    /* No id, no space after the id, an empty line: no reply at all. */
+    /* No id, no space after the id, an empty line: no reply at all, so the
+     * next request's reply comes first. */
     client.send("get batt");
     client.send("17get");
     client.send("");
-    EXPECT_EQ("", client.drain(300));
     EXPECT_THAT(client.request(20, "capabilities x"),
                 ElementsAre("20 ack", "20 error axis parameter not supported", "20 ready 0.000"));
 }
@@ -69,7 +69,6 @@ TEST_F(Server, AnOverlongLineIsRefusedWholeAndTheConnectionStaysUsable)
     client.send_raw(std::string(70000, 'z') + "\r\n9 get\n");
     EXPECT_THAT(client.read_until([](const std::string& l) { return vt::is_ready_line(l, 9); }),
                 ElementsAre("9 ack", "9 data", "9 ready 0.000"));
-    EXPECT_EQ("", client.drain(300));
 }
 
 /* Requests the server cannot carry out as written are refused whole (the
@@ -133,8 +132,8 @@ TEST_F(Server, ADotClosesTheConnectionAndASixthClientIsRefused)
         connect_client(server, c);
     vt::LineClient sixth;
     ASSERT_TRUE(sixth.connect(server.port()));
-    EXPECT_EQ("ERROR: Sorry, server is too busy.", sixth.drain(1000));
     EXPECT_TRUE(sixth.closed_by_peer());
+    EXPECT_EQ("ERROR: Sorry, server is too busy.", sixth.drain(0));
     for (vt::LineClient& c : others)
         EXPECT_THAT(c.request(3, "get"), ElementsAre("3 ack", "3 data", "3 ready 0.000"));
 
@@ -148,26 +147,23 @@ TEST_F(Server, StartButtonAndOptoBreakReachEveryClient)
 {
     vt::LineClient second;
     connect_client(server, second);
+    auto next_lines = [&](std::vector<std::string> expected) {
+        for (vt::LineClient* c : {&client, &second}) {
+            std::vector<std::string> got(expected.size());
+            for (std::string& line : got)
+                c->read_line(&line);
+            EXPECT_EQ(expected, got);
+        }
+    };
     ASSERT_EQ(0, server.ctl({"button", "press"}).status);
     ASSERT_EQ(0, server.ctl({"button", "release"}).status);
-    for (vt::LineClient* c : {&client, &second}) {
-        std::string line;
-        ASSERT_TRUE(c->read_line(&line));
-        EXPECT_EQ("0 event START pressed", line);
-        ASSERT_TRUE(c->read_line(&line));
-        EXPECT_EQ("0 event START released", line);
-    }
-    /* A release without a press says nothing. */
+    next_lines({"0 event START pressed", "0 event START released"});
+    /* A release without a press and a USB power event say nothing: the
+     * opto's break is the next thing a client hears. */
     ASSERT_EQ(0, server.ctl({"button", "release"}).status);
     ASSERT_EQ(0, server.ctl({"pmic", "0x301"}).status);
-    EXPECT_EQ("", client.drain(300));
-
     ASSERT_EQ(0, server.ctl({"set", "opto.rx", "break"}).status);
-    std::string line;
-    ASSERT_TRUE(second.read_line(&line));
-    EXPECT_EQ("0 event START via opto", line);
-    ASSERT_TRUE(client.read_line(&line));
-    EXPECT_EQ("0 event START via opto", line);
+    next_lines({"0 event START via opto"});
 }
 
 /* Clients that go away in the middle of a reply, or never read, cost the

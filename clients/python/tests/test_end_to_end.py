@@ -200,7 +200,8 @@ class PowerStateTest(unittest.TestCase):
         self.addCleanup(self.server.stop)
 
     def test_suspend_then_off(self):
-        result = velactl(self.server, "pstate", "suspend")
+        # The suspend's request is never answered: a short timeout ends it.
+        result = velactl(self.server, "--timeout", "1", "pstate", "suspend")
         self.assertEqual((result.returncode, result.stdout.strip()),
                          (0, "the instrument is suspended: press START on the instrument to wake it"), result.stderr)
         result = velactl(self.server, "--timeout", "1", "pstate")
