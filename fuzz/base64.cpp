@@ -11,6 +11,7 @@
 #include <string>
 
 #include "base64.h"
+#include "fuzz_support.h"
 #include "mtrace.h"
 #include "scanmove.h"
 
@@ -71,14 +72,6 @@ bool reference_decode(const std::string& text, std::string* out)
     return true;
 }
 
-void check(bool ok, const char* what)
-{
-    if (!ok) {
-        fprintf(stderr, "base64: %s\n", what);
-        abort();
-    }
-}
-
 /* Capacity offered to an encoder: exact, one short, or generous. */
 size_t capacity_for(uint8_t selector, size_t need)
 {
@@ -105,18 +98,18 @@ void check_encoder(const char* name, bool (*encode)(const unsigned char*, size_t
     size_t len = cap;
     bool ok = encode(data, size, &dest[0], &len);
     if (cap < need) {
-        check(!ok, name);
-        check(len == cap, "a refused encoding changed the length");
-        check(dest.find_first_not_of(kCanary) == std::string::npos, "a refused encoding wrote");
+        fz::check(!ok, name);
+        fz::check(len == cap, "a refused encoding changed the length");
+        fz::check(dest.find_first_not_of(kCanary) == std::string::npos, "a refused encoding wrote");
         return;
     }
-    check(ok, "an encoding with room failed");
-    check(len == need, "encoded length");
+    fz::check(ok, "an encoding with room failed");
+    fz::check(len == need, "encoded length");
     for (size_t i = len; i < dest.size(); i++)
-        check(dest[i] == kCanary, "the encoder wrote past its text");
+        fz::check(dest[i] == kCanary, "the encoder wrote past its text");
     std::string decoded;
-    check(reference_decode(dest.substr(0, len), &decoded), "encoded text is not valid base64");
-    check(decoded.size() == size && memcmp(decoded.data(), data, size) == 0, "encoded text decodes to other bytes");
+    fz::check(reference_decode(dest.substr(0, len), &decoded), "encoded text is not valid base64");
+    fz::check(decoded.size() == size && memcmp(decoded.data(), data, size) == 0, "encoded text decodes to other bytes");
 }
 
 bool scan_encoder(const unsigned char* data, size_t size, char* dest, size_t* len)
@@ -144,10 +137,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* input, size_t size)
 
     /* the library's round trip through strings */
     std::string text;
-    check(MBase64_Encode(data, size, &text), "string encoding failed");
+    fz::check(MBase64_Encode(data, size, &text), "string encoding failed");
     std::string back;
-    check(MBase64_Decode(text.data(), text.size(), &back), "decoding an encoding failed");
-    check(back.size() == size && memcmp(back.data(), data, size) == 0, "round trip changed the bytes");
+    fz::check(MBase64_Decode(text.data(), text.size(), &back), "decoding an encoding failed");
+    fz::check(back.size() == size && memcmp(back.data(), data, size) == 0, "round trip changed the bytes");
 
     /* the library's decoder on the data taken as text */
     const std::string as_text(reinterpret_cast<const char*>(data), size);
@@ -155,9 +148,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* input, size_t size)
     bool expected_ok = reference_decode(as_text, &expected);
     std::string got;
     bool got_ok = MBase64_Decode(as_text.data(), as_text.size(), &got);
-    check(got_ok == expected_ok, "decoder and reference disagree on validity");
+    fz::check(got_ok == expected_ok, "decoder and reference disagree on validity");
     if (got_ok)
-        check(got == expected, "decoder and reference disagree on the bytes");
+        fz::check(got == expected, "decoder and reference disagree on the bytes");
 
     /* the same into a buffer of the chosen capacity */
     const size_t cap = capacity_for(static_cast<uint8_t>(selector >> 2), expected.size());
@@ -165,14 +158,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* input, size_t size)
     size_t len = cap;
     bool ok = MBase64_Decode(as_text.data(), as_text.size(), &buf[0], &len);
     if (!expected_ok) {
-        check(!ok, "decoder accepted invalid text into a buffer");
+        fz::check(!ok, "decoder accepted invalid text into a buffer");
     } else if (cap < expected.size()) {
-        check(!ok && len == cap, "decoder accepted a small target");
-        check(buf.find_first_not_of(kCanary) == std::string::npos, "a refused decoding wrote");
+        fz::check(!ok && len == cap, "decoder accepted a small target");
+        fz::check(buf.find_first_not_of(kCanary) == std::string::npos, "a refused decoding wrote");
     } else {
-        check(ok && len == expected.size() && buf.compare(0, len, expected) == 0, "decoding into a buffer");
+        fz::check(ok && len == expected.size() && buf.compare(0, len, expected) == 0, "decoding into a buffer");
         for (size_t i = len; i < buf.size(); i++)
-            check(buf[i] == kCanary, "the decoder wrote past its bytes");
+            fz::check(buf[i] == kCanary, "the decoder wrote past its bytes");
     }
     MErrTrace_ClearContext();
     return 0;

@@ -24,20 +24,12 @@
 
 namespace {
 
-const char kTarget[] = "config_read";
-
-void check(bool ok, const std::string& what)
-{
-    if (!ok)
-        fz::fail(kTarget, what);
-}
-
 /* One start: open and read into a zeroed state record; the document is
  * released again. */
 state_s start()
 {
     state = state_s{};
-    check(util_ini_open() == 0, "util_ini_open failed");
+    fz::check(util_ini_open() == 0, "util_ini_open failed");
     util_ini_read();
     state_s s = state;
     MIniData_Destroy(state.h_ini);
@@ -54,26 +46,26 @@ bool same(double a, double b)
 void check_ranges(const state_s& s)
 {
     /* x_corr: 0.7..1.3 when the file has one, else untouched */
-    check(s.x_corr == 0.0 || (s.x_corr >= 0.7 && s.x_corr <= 1.3),
+    fz::check(s.x_corr == 0.0 || (s.x_corr >= 0.7 && s.x_corr <= 1.3),
           "x_corr outside 0.7..1.3: " + std::to_string(s.x_corr));
-    check(s.suspend_interval_time >= 10, "suspend_interval_time below 10: " + std::to_string(s.suspend_interval_time));
+    fz::check(s.suspend_interval_time >= 10, "suspend_interval_time below 10: " + std::to_string(s.suspend_interval_time));
 }
 
 void check_same(const state_s& a, const state_s& b)
 {
-    check(same(a.x_corr, b.x_corr), "x_corr differs on the next start");
-    check(a.skip_samples == b.skip_samples, "skip_samples differs on the next start");
-    check(a.w_offset == b.w_offset, "w_offset differs on the next start");
-    check(same(a.w_scale, b.w_scale), "w_scale differs on the next start");
-    check(same(a.f, b.f), "f differs on the next start");
-    check(same(a.vbatt_low_threshold, b.vbatt_low_threshold) && same(a.vbatt_crit_threshold, b.vbatt_crit_threshold) &&
+    fz::check(same(a.x_corr, b.x_corr), "x_corr differs on the next start");
+    fz::check(a.skip_samples == b.skip_samples, "skip_samples differs on the next start");
+    fz::check(a.w_offset == b.w_offset, "w_offset differs on the next start");
+    fz::check(same(a.w_scale, b.w_scale), "w_scale differs on the next start");
+    fz::check(same(a.f, b.f), "f differs on the next start");
+    fz::check(same(a.vbatt_low_threshold, b.vbatt_low_threshold) && same(a.vbatt_crit_threshold, b.vbatt_crit_threshold) &&
               same(a.vbatt_hysteresis, b.vbatt_hysteresis) &&
               same(a.vbatt_cycle_low_threshold, b.vbatt_cycle_low_threshold) &&
               same(a.vbatt_cycle_high_threshold, b.vbatt_cycle_high_threshold) &&
               same(a.vbatt_almost_full_threshold, b.vbatt_almost_full_threshold),
           "a battery threshold differs on the next start");
-    check(a.suspend_interval_time == b.suspend_interval_time, "suspend_interval_time differs on the next start");
-    check(a.remotetest == b.remotetest, "remotetest differs on the next start");
+    fz::check(a.suspend_interval_time == b.suspend_interval_time, "suspend_interval_time differs on the next start");
+    fz::check(a.remotetest == b.remotetest, "remotetest differs on the next start");
 }
 
 } // namespace
@@ -98,29 +90,29 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const state_s first = start();
     check_ranges(first);
     std::string saved;
-    check(fz::read_file(path, &saved), "no configuration file after start-up");
+    fz::check(fz::read_file(path, &saved), "no configuration file after start-up");
     MIniData doc(MINIDATA_FLAG_FSYNC | MINIDATA_FLAG_ATOMIC_SAVE);
-    check(doc.Open(path.c_str()), "the configuration does not parse after start-up: " + doc.GetLastErrorString());
+    fz::check(doc.Open(path.c_str()), "the configuration does not parse after start-up: " + doc.GetLastErrorString());
     /* the clamps against the file as it now stands (a section that was
      * missing came in with its defaults) */
     double d;
     double want_x = doc.DoesSectionExist("motor") ? 0.0 : 1.0;
     if (doc.GetDoubleEntry("motor", "x_corr", &d))
         want_x = d >= 0.7 && d <= 1.3 ? d : 1.0;
-    check(same(first.x_corr, want_x), "x_corr " + std::to_string(first.x_corr) + ", expected " + std::to_string(want_x));
+    fz::check(same(first.x_corr, want_x), "x_corr " + std::to_string(first.x_corr) + ", expected " + std::to_string(want_x));
     long l;
     long want_s = 600;
     if (doc.GetLongEntry("battery", "suspend_interval_time", &l))
         want_s = l < 10 ? 10 : l > INT_MAX ? INT_MAX : l;
-    check(first.suspend_interval_time == want_s, "suspend_interval_time " + std::to_string(first.suspend_interval_time) +
+    fz::check(first.suspend_interval_time == want_s, "suspend_interval_time " + std::to_string(first.suspend_interval_time) +
                                                      ", expected " + std::to_string(want_s));
 
     const state_s second = start();
     check_same(first, second);
     std::string again;
-    check(fz::read_file(path, &again) && again == saved, "the next start changed the file");
+    fz::check(fz::read_file(path, &again) && again == saved, "the next start changed the file");
 
-    fz::check_descriptors(kTarget, descriptors);
+    fz::check_descriptors(descriptors);
     MErrTrace_ClearContext();
     return 0;
 }

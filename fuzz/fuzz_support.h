@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -22,10 +23,17 @@ namespace fz {
  * (-close_fd_mask) to keep the code's traces out of its output. */
 inline const int report_fd = dup(2);
 
-[[noreturn]] inline void fail(const char* target, const std::string& what)
+/* Stops the fuzzer, telling which target found what. */
+[[noreturn]] inline void fail(const std::string& what)
 {
-    dprintf(report_fd >= 0 ? report_fd : 2, "%s: %s\n", target, what.c_str());
+    dprintf(report_fd >= 0 ? report_fd : 2, "%s: %s\n", program_invocation_short_name, what.c_str());
     abort();
+}
+
+inline void check(bool ok, const std::string& what)
+{
+    if (!ok)
+        fail(what);
 }
 
 /* A folder that lives as long as the process; in memory where possible,
@@ -36,7 +44,7 @@ inline const std::string& scratch_dir()
         const char* base = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
         std::string tmpl = std::string(base) + "/velafuzz.XXXXXX";
         if (mkdtemp(&tmpl[0]) == nullptr)
-            fail("fuzz", "mkdtemp failed");
+            fail("mkdtemp failed");
         static std::string cleanup_cmd = "rm -rf '" + tmpl + "'";
         atexit([] {
             if (system(cleanup_cmd.c_str()) != 0)
@@ -51,7 +59,7 @@ inline void write_file(const std::string& path, const std::string& text)
 {
     FILE* f = fopen(path.c_str(), "wb");
     if (f == nullptr || fwrite(text.data(), 1, text.size(), f) != text.size() || fclose(f) != 0)
-        fail("fuzz", "cannot write " + path);
+        fail("cannot write " + path);
 }
 
 /* The file's bytes; false when it does not exist. */
@@ -87,14 +95,14 @@ inline int lowest_free_descriptor()
     return fd;
 }
 
-inline void check_descriptors(const char* target, int before)
+inline void check_descriptors(int before)
 {
     int fd = lowest_free_descriptor();
     if (fd != before) {
         char link[256] = "";
         ssize_t n = readlink(("/proc/self/fd/" + std::to_string(before)).c_str(), link, sizeof link - 1);
         link[n > 0 ? n : 0] = '\0';
-        fail(target, "a descriptor was left open: " + std::to_string(before) + " -> " + link);
+        fail("a descriptor was left open: " + std::to_string(before) + " -> " + link);
     }
 }
 

@@ -19,14 +19,6 @@
 
 namespace {
 
-const char kTarget[] = "ini_document";
-
-void check(bool ok, const std::string& what)
-{
-    if (!ok)
-        fz::fail(kTarget, what);
-}
-
 /* The flags a caller may combine (the name-only constructor's flag plays no
  * part with Open). */
 int flags_of(uint8_t b)
@@ -44,7 +36,7 @@ int flags_of(uint8_t b)
 std::string content_of(const MIniData& doc)
 {
     std::string text;
-    check(doc.GetContentString(&text), "GetContentString failed");
+    fz::check(doc.GetContentString(&text), "GetContentString failed");
     return text;
 }
 
@@ -111,37 +103,37 @@ void apply_edits(MIniData* doc, fz::Choices& c, const std::string& source, std::
         case 0:
         case 1: {
             long v = some_long(c);
-            check(doc->SetLongEntry(section, key, v), "SetLongEntry failed");
+            fz::check(doc->SetLongEntry(section, key, v), "SetLongEntry failed");
             (*expected)[k] = Expected{Expected::LONG, v, 0, ""};
             break;
         }
         case 2: {
             double v = some_double(c);
-            check(doc->SetDoubleEntry(section, key, v), "SetDoubleEntry failed");
+            fz::check(doc->SetDoubleEntry(section, key, v), "SetDoubleEntry failed");
             (*expected)[k] = Expected{Expected::DOUBLE, 0, v, ""};
             break;
         }
         case 3: {
             std::string v = some_text(c, source);
-            check(doc->SetStringEntry(section, key, v), "SetStringEntry failed");
+            fz::check(doc->SetStringEntry(section, key, v), "SetStringEntry failed");
             (*expected)[k] = Expected{Expected::STRING, 0, 0, v};
             break;
         }
         case 4:
             if (doc->DeleteEntry(section, key)) {
-                check(!doc->DoesEntryExist(section, key), "a deleted entry still exists");
+                fz::check(!doc->DoesEntryExist(section, key), "a deleted entry still exists");
                 expected->erase(k);
             }
             break;
         case 5:
             if (doc->DeleteSection(section)) {
-                check(!doc->DoesSectionExist(section), "a deleted section still exists");
+                fz::check(!doc->DoesSectionExist(section), "a deleted section still exists");
                 for (auto it = expected->begin(); it != expected->end();)
                     it = it->first.first == section ? expected->erase(it) : std::next(it);
             }
             break;
         default:
-            check(doc->AddSection(section) && doc->DoesSectionExist(section), "AddSection failed");
+            fz::check(doc->AddSection(section) && doc->DoesSectionExist(section), "AddSection failed");
             break;
         }
     }
@@ -155,18 +147,18 @@ void check_values(const MIniData& doc, const std::map<Key, Expected>& expected)
         const Expected& e = kv.second;
         const std::string where = "[" + section + "] " + key;
         std::string text;
-        check(doc.GetStringEntry(section, key, &text), "value lost: " + where);
+        fz::check(doc.GetStringEntry(section, key, &text), "value lost: " + where);
         if (e.kind == Expected::LONG) {
             long v = 0;
-            check(doc.GetLongEntry(section, key, &v) && v == e.l, "long value changed: " + where);
+            fz::check(doc.GetLongEntry(section, key, &v) && v == e.l, "long value changed: " + where);
         } else if (e.kind == Expected::DOUBLE) {
             double v = 0;
-            check(doc.GetDoubleEntry(section, key, &v), "double value lost: " + where);
-            check(std::isnan(e.d) ? std::isnan(v) : memcmp(&v, &e.d, sizeof v) == 0,
+            fz::check(doc.GetDoubleEntry(section, key, &v), "double value lost: " + where);
+            fz::check(std::isnan(e.d) ? std::isnan(v) : memcmp(&v, &e.d, sizeof v) == 0,
                   "double value changed: " + where);
         } else {
             /* an existing entry keeps the blanks after its '=' */
-            check(text.size() >= e.s.size() && text.compare(text.size() - e.s.size(), e.s.size(), e.s) == 0 &&
+            fz::check(text.size() >= e.s.size() && text.compare(text.size() - e.s.size(), e.s.size(), e.s) == 0 &&
                       text.find_first_not_of(" \t") >= text.size() - e.s.size(),
                   "string value changed: " + where + " = [" + text + "]");
         }
@@ -197,42 +189,42 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     {
         MIniData doc(flags);
         if (!doc.Open(path.c_str())) {
-            check(!doc.IsOpen(), "a failed Open left the document open");
+            fz::check(!doc.IsOpen(), "a failed Open left the document open");
             std::string after;
-            check(fz::read_file(path, &after) && after == text, "a failed Open changed the file");
+            fz::check(fz::read_file(path, &after) && after == text, "a failed Open changed the file");
             MErrTrace_ClearContext();
             return 0;
         }
-        check(doc.IsOpen() && !doc.HasNoFile() && doc.IsSaved(), "state after Open");
+        fz::check(doc.IsOpen() && !doc.HasNoFile() && doc.IsSaved(), "state after Open");
 
         /* the content is a fixed point of SetContentString (the text ends at
          * its first NUL, so only without one) */
         const std::string content = content_of(doc);
         if (content.find('\0') == std::string::npos) {
             MIniData copy(flags);
-            check(copy.SetContentString(content), "the content of an opened file does not parse");
-            check(content_of(copy) == content, "SetContentString(GetContentString()) changed the content");
+            fz::check(copy.SetContentString(content), "the content of an opened file does not parse");
+            fz::check(content_of(copy) == content, "SetContentString(GetContentString()) changed the content");
         }
 
         apply_edits(&doc, choices, text, &expected);
         check_values(doc, expected);
         saved = content_of(doc);
-        check(doc.Save(), "Save failed");
-        check(doc.IsSaved() && !doc.HasNoFile(), "state after Save");
+        fz::check(doc.Save(), "Save failed");
+        fz::check(doc.IsSaved() && !doc.HasNoFile(), "state after Save");
     }
 
     std::string on_disk;
-    check(fz::read_file(path, &on_disk), "the saved file is missing");
-    check(on_disk == saved, "the file differs from the saved content");
+    fz::check(fz::read_file(path, &on_disk), "the saved file is missing");
+    fz::check(on_disk == saved, "the file differs from the saved content");
 
     /* reopened through the handle interface, as the program's modules do */
     MINIDATA_HANDLE h = MIniData_CreateWithFlags(flags);
-    check(h != nullptr, "MIniData_CreateWithFlags failed");
-    check(MIniData_Open(h, path.c_str()) == 1, "the saved file does not open");
+    fz::check(h != nullptr, "MIniData_CreateWithFlags failed");
+    fz::check(MIniData_Open(h, path.c_str()) == 1, "the saved file does not open");
     char* content = MIniData_GetContentString(h);
-    check(content != nullptr && std::string(content) == saved.c_str(), "the saved file reads back differently");
+    fz::check(content != nullptr && std::string(content) == saved.c_str(), "the saved file reads back differently");
     free(content);
-    check(content_of(*reinterpret_cast<const MIniData*>(h)) == saved, "the saved file reads back differently");
+    fz::check(content_of(*reinterpret_cast<const MIniData*>(h)) == saved, "the saved file reads back differently");
     check_values(*reinterpret_cast<const MIniData*>(h), expected);
     for (const auto& kv : expected) {
         /* names with a NUL cannot be passed as C strings */
@@ -244,14 +236,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         std::vector<char> buf(value.size() + 1, '\x5a');
         const char* section = kv.first.first.c_str();
         const char* key = kv.first.second.c_str();
-        check(MIniData_GetStringEntry(h, section, key, buf.data(), value.size()) == 0 && buf[0] == '\x5a',
+        fz::check(MIniData_GetStringEntry(h, section, key, buf.data(), value.size()) == 0 && buf[0] == '\x5a',
               "a string value was copied into a buffer without room for its end");
-        check(MIniData_GetStringEntry(h, section, key, buf.data(), buf.size()) == 1 &&
+        fz::check(MIniData_GetStringEntry(h, section, key, buf.data(), buf.size()) == 1 &&
                   memcmp(buf.data(), value.c_str(), buf.size()) == 0,
               "MIniData_GetStringEntry copied something else");
     }
     MIniData_Destroy(h);
-    fz::check_descriptors(kTarget, descriptors);
+    fz::check_descriptors(descriptors);
     MErrTrace_ClearContext();
     return 0;
 }

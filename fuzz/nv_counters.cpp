@@ -19,14 +19,7 @@
 
 namespace {
 
-const char kTarget[] = "nv_counters";
 const size_t kBlock = sizeof(struct nv_state_s);
-
-void check(bool ok, const std::string& what)
-{
-    if (!ok)
-        fz::fail(kTarget, what);
-}
 
 /* CRC-32 (reflected polynomial 0xEDB88320, initial and final inversion), one
  * bit at a time. */
@@ -57,7 +50,7 @@ bool same_counters(const nv_state_s& a, const nv_state_s& b)
 std::string other_sections(const std::string& path)
 {
     MIniData doc(0);
-    check(doc.Open(path.c_str()), "the mirror does not open");
+    fz::check(doc.Open(path.c_str()), "the mirror does not open");
     std::string text;
     for (const std::string& name : doc.GetSectionNames()) {
         if (name == "uptime" || name == "cyclecounter")
@@ -73,18 +66,18 @@ void check_block(const unsigned char* block, uint8_t flip)
     nv_state_s nv;
     memcpy(&nv, block, kBlock);
     const uint32_t crc = reference_crc(block + 4, kBlock - 4);
-    check(nv_crc_ok(&nv) == (crc == stored_crc(block) ? 1 : 0), "CRC check disagrees with the reference");
+    fz::check(nv_crc_ok(&nv) == (crc == stored_crc(block) ? 1 : 0), "CRC check disagrees with the reference");
 
-    check(nv_update_crc(&nv) == 0, "nv_update_crc failed");
-    check(nv.crc == crc, "stored CRC differs from the reference");
-    check(memcmp(reinterpret_cast<const unsigned char*>(&nv) + 4, block + 4, kBlock - 4) == 0,
+    fz::check(nv_update_crc(&nv) == 0, "nv_update_crc failed");
+    fz::check(nv.crc == crc, "stored CRC differs from the reference");
+    fz::check(memcmp(reinterpret_cast<const unsigned char*>(&nv) + 4, block + 4, kBlock - 4) == 0,
           "the CRC update changed the counters");
-    check(nv_crc_ok(&nv) == 1, "an updated block fails its check");
+    fz::check(nv_crc_ok(&nv) == 1, "an updated block fails its check");
 
     /* any one changed bit behind the CRC is noticed */
     unsigned char* bytes = reinterpret_cast<unsigned char*>(&nv);
     bytes[4 + flip % (kBlock - 4)] ^= static_cast<unsigned char>(1u << (flip / (kBlock - 4) % 8));
-    check(nv_crc_ok(&nv) == 0, "a changed bit passes the CRC check");
+    fz::check(nv_crc_ok(&nv) == 0, "a changed bit passes the CRC check");
 }
 
 } // namespace
@@ -119,23 +112,23 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const bool parses = probe.Open(path.c_str());
     nv_state_s mirror;
     memset(&mirror, 0x5a, sizeof mirror);
-    check(nv_read_ini(&mirror) == 0, "nv_read_ini failed");
-    check(mirror.ver == 0 && mirror.crc == 0, "nv_read_ini left fields unset");
+    fz::check(nv_read_ini(&mirror) == 0, "nv_read_ini failed");
+    fz::check(mirror.ver == 0 && mirror.crc == 0, "nv_read_ini left fields unset");
     std::string after;
-    check(fz::read_file(path, &after), "no mirror after reading");
+    fz::check(fz::read_file(path, &after), "no mirror after reading");
     if (!text.empty() && parses) {
-        check(after == text, "reading changed a good mirror");
+        fz::check(after == text, "reading changed a good mirror");
         long v;
-        check(probe.GetLongEntry("cyclecounter", "meas", &v) ? mirror.meas_cycles == static_cast<uint32_t>(v)
+        fz::check(probe.GetLongEntry("cyclecounter", "meas", &v) ? mirror.meas_cycles == static_cast<uint32_t>(v)
                                                                : mirror.meas_cycles == 0,
               "meas read wrongly");
-        check(probe.GetLongEntry("cyclecounter", "batts", &v)
+        fz::check(probe.GetLongEntry("cyclecounter", "batts", &v)
                   ? mirror.batt_cycle_state == static_cast<uint8_t>(v)
                   : mirror.batt_cycle_state == 0,
               "batts read wrongly");
     } else if (!text.empty()) {
         std::string bad;
-        check(fz::read_file(path + ".bad", &bad) && bad == text, "an unreadable mirror was not kept aside");
+        fz::check(fz::read_file(path + ".bad", &bad) && bad == text, "an unreadable mirror was not kept aside");
     }
     const std::string others = other_sections(path);
 
@@ -146,13 +139,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const bool valid = nv_crc_ok(&source) == 1 && source.ver == 1;
     if (!valid)
         source = mirror;
-    check(nv_write_ini(&source) == 0, "nv_write_ini failed");
+    fz::check(nv_write_ini(&source) == 0, "nv_write_ini failed");
     nv_state_s back;
-    check(nv_read_ini(&back) == 0, "nv_read_ini after writing failed");
-    check(same_counters(back, source), "the mirror does not read back what was written");
-    check(other_sections(path) == others, "writing the mirror changed other sections");
+    fz::check(nv_read_ini(&back) == 0, "nv_read_ini after writing failed");
+    fz::check(same_counters(back, source), "the mirror does not read back what was written");
+    fz::check(other_sections(path) == others, "writing the mirror changed other sections");
 
-    fz::check_descriptors(kTarget, descriptors);
+    fz::check_descriptors(descriptors);
     MErrTrace_ClearContext();
     return 0;
 }

@@ -22,6 +22,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -248,9 +249,9 @@ struct Model {
 
 /* ---- the harness ---- */
 
-void fail(const char* what, const std::string& detail)
+void fail(const std::string& what, const std::string& detail)
 {
-    fz::fail("request_line", std::string(what) + ": [" + detail + "]");
+    fz::fail(what + ": [" + detail + "]");
 }
 
 void drain(int fd, std::string* out)
@@ -272,23 +273,11 @@ size_t pending(int fd)
     return static_cast<size_t>(n);
 }
 
+/* "<id> ready <s>.<mmm>" */
 bool is_ready_line(const std::string& line, const std::string& prefix)
 {
-    /* "<id> ready <s>.<mmm>" */
-    const std::string head = prefix + "ready ";
-    if (line.compare(0, head.size(), head) != 0)
-        return false;
-    size_t p = head.size();
-    size_t digits = 0;
-    while (p < line.size() && line[p] >= '0' && line[p] <= '9')
-        p++, digits++;
-    if (digits == 0 || p + 5 != line.size() || line[p] != '.')
-        return false;
-    for (size_t k = p + 1; k < p + 4; k++) {
-        if (line[k] < '0' || line[k] > '9')
-            return false;
-    }
-    return line[p + 4] == '\n';
+    static const std::regex tail(R"(ready \d+\.\d{3}\n)");
+    return line.compare(0, prefix.size(), prefix) == 0 && std::regex_match(line.begin() + static_cast<long>(prefix.size()), line.end(), tail);
 }
 
 std::vector<std::string> lines_of(const std::string& out)
@@ -319,7 +308,7 @@ void compare(const std::vector<Expect>& expected, const std::string& out)
             fail("missing reply", e.text);
         bool ok = e.kind == Expect::LINE ? got[g] == e.text : is_ready_line(got[g], e.text);
         if (!ok)
-            fail(("expected " + e.text + ", got").c_str(), got[g]);
+            fail("expected " + e.text + ", got", got[g]);
         g++;
     }
     if (g != got.size())
@@ -346,28 +335,6 @@ struct Pair {
     }
 };
 
-/* Chunk sizes from a small generator, so that the mutator can change the
- * split by changing one byte. */
-struct Chunker {
-    uint32_t s;
-    explicit Chunker(uint8_t seed) : s(seed * 2654435761u + 1) {}
-    size_t next()
-    {
-        s = s * 1103515245u + 12345u;
-        uint32_t r = s >> 16;
-        switch (r % 4) {
-        case 0:
-            return 1;
-        case 1:
-            return 1 + r % 8;
-        case 2:
-            return 1 + r % 64;
-        default:
-            return 1 + r % 512;
-        }
-    }
-};
-
 std::vector<std::string> chunks_of(uint8_t seed, const std::string& stream)
 {
     std::vector<std::string> chunks;
@@ -381,9 +348,12 @@ std::vector<std::string> chunks_of(uint8_t seed, const std::string& stream)
         }
         return chunks;
     }
-    Chunker chunker(seed);
+    /* Sizes from a small generator, so that the mutator changes the split
+     * by changing one byte: single bytes up to half a kilobyte. */
+    fz::Choices pick(seed);
+    const uint32_t limits[] = {1, 8, 64, 512};
     for (size_t start = 0; start < stream.size();) {
-        size_t n = chunker.next();
+        size_t n = 1 + pick.next(limits[pick.next(4)]);
         chunks.push_back(stream.substr(start, n));
         start += n;
     }
@@ -467,7 +437,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     close(other.server);
     observer->sock = -1;
     client->sock = -1;
-    fz::check_descriptors("request_line", descriptors);
+    fz::check_descriptors(descriptors);
     MErrTrace_ClearContext();
     return 0;
 }
