@@ -2,6 +2,7 @@
 
 #include "emulator.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -36,30 +37,14 @@ ChildProcess::~ChildProcess()
 
 bool ChildProcess::start(const std::vector<std::string>& argv, const ProcessOptions& opts)
 {
-    int out_pipe[2], err_pipe[2];
-    if (pipe2(out_pipe, O_CLOEXEC) != 0)
-        return false;
-    if (pipe2(err_pipe, O_CLOEXEC) != 0) {
-        close(out_pipe[0]);
-        close(out_pipe[1]);
-        return false;
-    }
-
     /* Build everything the child needs before forking. */
-    std::vector<std::string> env_strings;
+    std::vector<std::string> env_strings = opts.env;
     for (char** e = environ; *e != nullptr; e++) {
         std::string s(*e);
-        bool replaced = false;
-        for (const std::string& add : opts.env) {
-            size_t eq = add.find('=');
-            if (eq != std::string::npos && s.compare(0, eq + 1, add, 0, eq + 1) == 0)
-                replaced = true;
-        }
-        if (!replaced)
+        auto same_name = [&](const std::string& add) { return add.compare(0, add.find('=') + 1, s, 0, add.find('=') + 1) == 0; };
+        if (std::none_of(opts.env.begin(), opts.env.end(), same_name))
             env_strings.push_back(s);
     }
-    for (const std::string& add : opts.env)
-        env_strings.push_back(add);
     std::vector<char*> envp;
     for (std::string& s : env_strings)
         envp.push_back(s.data());
@@ -70,6 +55,9 @@ bool ChildProcess::start(const std::vector<std::string>& argv, const ProcessOpti
         argp.push_back(s.data());
     argp.push_back(nullptr);
 
+    int out_pipe[2], err_pipe[2];
+    if (pipe2(out_pipe, O_CLOEXEC) != 0 || pipe2(err_pipe, O_CLOEXEC) != 0)
+        return false;
     pid_ = fork();
     if (pid_ < 0)
         return false;
@@ -79,8 +67,6 @@ bool ChildProcess::start(const std::vector<std::string>& argv, const ProcessOpti
         int devnull = open("/dev/null", O_RDONLY);
         if (devnull >= 0)
             dup2(devnull, STDIN_FILENO);
-        if (!opts.cwd.empty() && chdir(opts.cwd.c_str()) != 0)
-            _exit(126);
         execve(argp[0], argp.data(), envp.data());
         _exit(127);
     }
@@ -136,12 +122,7 @@ void ChildProcess::reap(bool block)
     if (r != pid_)
         return;
     ended_ = true;
-    if (WIFEXITED(st)) {
-        exited_ = true;
-        status_ = WEXITSTATUS(st);
-    } else if (WIFSIGNALED(st)) {
-        status_ = 128 + WTERMSIG(st);
-    }
+    status_ = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
 }
 
 bool ChildProcess::wait(int timeout_ms)

@@ -12,7 +12,6 @@ namespace vt {
 
 struct ProcessOptions {
     std::vector<std::string> env; /* "NAME=value" added to (or replacing in) the environment */
-    std::string cwd;              /* working directory, empty = inherit */
     int timeout_ms = 60000;       /* run_process: kill after this long */
 };
 
@@ -33,7 +32,6 @@ public:
 
     /* Exit status, or 128 + signal number when killed by a signal. */
     int status() const { return status_; }
-    bool exited() const { return exited_; }
     const std::string& out() const { return out_; }
     const std::string& err() const { return err_; }
     pid_t pid() const { return pid_; }
@@ -46,7 +44,6 @@ private:
     int out_fd_ = -1;
     int err_fd_ = -1;
     bool ended_ = false;
-    bool exited_ = false;
     int status_ = -1;
     std::string out_;
     std::string err_;

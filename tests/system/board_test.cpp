@@ -1,12 +1,9 @@
 /* The launcher and a running board, seen from outside: one program per board
- * directory, the control face, suspend, and files that survive a kill. */
+ * directory, the control face, and files that survive a kill. */
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <csignal>
-#include <cstdlib>
-#include <sstream>
-#include <unistd.h>
 
 #include "simrun.h"
 
@@ -72,29 +69,6 @@ TEST(Launcher, CtlGivesUpOnABoardThatDoesNotAnswer)
     stopped.wait(10000);
 }
 
-/* A suspended program sleeps until a wake-up source fires; in step mode its
- * board time moves only by command, and the monotonic clock not at all. */
-TEST(Launcher, ASuspendEndsOnAWakeUpFromTheControlFace)
-{
-    SKIP_WITH_HOST_PROGRAMS();
-    vt::TempDir tmp;
-    std::string dir = tmp.file("board");
-    vt::ChildProcess sleeper;
-    ASSERT_TRUE(sleeper.start(
-        vt::under_board(dir, {"/bin/sh", "-c", "echo mem > /sys/power/state && echo resumed"}, "", "step")));
-    ASSERT_TRUE(vt::eventually([&] { return vt::grep(vt::journal_in(dir), "power suspend").size() == 1; }));
-    EXPECT_EQ(0, vt::board_ctl(dir, {"clock", "advance", "90s"}).status);
-    EXPECT_THAT(vt::board_ctl(dir, {"clock"}).out, HasSubstr("\nsuspended = 90.000000\n"));
-    EXPECT_EQ(1, vt::board_ctl(dir, {"wake", "button", "twice"}).status);
-    EXPECT_EQ(0, vt::board_ctl(dir, {"wake", "button"}).status);
-    ASSERT_TRUE(sleeper.wait(20000));
-    EXPECT_EQ(0, sleeper.status());
-    EXPECT_EQ("resumed\n", sleeper.out());
-    EXPECT_EQ(1u, vt::grep(vt::journal_in(dir), "power resume button").size());
-    std::string state = vt::read_file(dir + "/state");
-    EXPECT_THAT(state, HasSubstr("suspended_ns = 90000000000\n"));
-}
-
 /* The backing files of the board are replaced whole: a program killed in
  * the middle of a write to the RTC's RAM leaves the old bytes or the new. */
 TEST(Launcher, TheRtcRamSurvivesAKillInTheMiddleOfAWrite)
@@ -121,26 +95,6 @@ TEST(Launcher, TheRtcRamSurvivesAKillInTheMiddleOfAWrite)
         vt::write_file(dir + "/journal", "");
     }
     EXPECT_EQ(0, torn);
-}
-
-/* A state saved "in the future" (a host whose clock went back) neither
- * stops the board nor gives negative times. */
-TEST(Launcher, AStateFromTheFutureCarriesOn)
-{
-    vt::SimBoard board;
-    ASSERT_EQ(0, board.velatool({"-m", "1"}).status);
-    std::string state_file = board.dir() + "/board/state";
-    std::string state = vt::read_file(state_file);
-    size_t at = state.find("host_wall_ns = ");
-    ASSERT_NE(std::string::npos, at);
-    state.replace(at, state.find('\n', at) - at, "host_wall_ns = 9000000000000000000");
-    at = state.find("time_ns = ");
-    state.replace(at, state.find('\n', at) - at, "time_ns = 5000000000000");
-    vt::write_file(state_file, state);
-    ASSERT_EQ(0, board.velatool({"-m", "0"}).status);
-    std::string journal = vt::read_file(board.dir() + "/board/journal");
-    std::string last = journal.substr(journal.rfind('\n', journal.size() - 2) + 1);
-    EXPECT_GE(atof(last.c_str()), 5000.0) << last;
 }
 
 } // namespace

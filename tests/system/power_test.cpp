@@ -57,13 +57,18 @@ TEST(PowerActions, SuspendWithAWakeUpTime)
     EXPECT_TRUE(vt::grep(broken.journal(), "power").empty());
 }
 
-/* Without a time only a wake-up source ends it: here the control face. */
+/* Without a time only a wake-up source ends it: here the control face.
+ * Meanwhile board time moves only by command (step mode), and the
+ * monotonic clock not at all. */
 TEST(PowerActions, SuspendUntilWokenUp)
 {
     vt::SimBoard board("[clock]\nmode = step\n");
     vt::ChildProcess child;
     ASSERT_TRUE(board.start(child, {"-S"}));
     ASSERT_TRUE(board.await_journal("power suspend"));
+    EXPECT_EQ(0, board.ctl({"clock", "advance", "90s"}).status);
+    EXPECT_THAT(board.ctl({"clock"}).out, HasSubstr("\nsuspended = 90.000000\n"));
+    EXPECT_EQ(1, board.ctl({"wake", "button", "twice"}).status);
     EXPECT_EQ(0, board.ctl({"wake", "button"}).status);
     ASSERT_TRUE(child.wait(20000));
     EXPECT_EQ(0, child.status());
