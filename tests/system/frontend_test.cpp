@@ -104,24 +104,4 @@ TEST(FrontEndActions, DeviceFailuresBecomeTheExitStatus)
     }
 }
 
-TEST(FrontEndActions, PotiAndChannelPower)
-{
-    vt::SimBoard board;
-    vt::ProcessResult r = board.velatool({"-p", "256"});
-    EXPECT_EQ(0, r.status);
-    EXPECT_EQ("Writing 0x0100 to I2C poti\n", r.out);
-    r = board.velatool({"-p", "257"});
-    EXPECT_EQ(234, r.status); /* -EINVAL */
-    EXPECT_EQ("Writing 0x0101 to I2C poti\nFailed.\n", r.out);
-
-    r = board.velatool({"-c", "1"});
-    EXPECT_EQ(0, r.status);
-    EXPECT_EQ("Measurement channel power: on\n", r.out);
-    r = board.velatool({"-c", "2"});
-    EXPECT_EQ(234, r.status);
-    EXPECT_EQ("Failed.\n", r.out);
-    EXPECT_THAT(board.journal(),
-                ElementsAre("/dev/i2c-1@0x2e write 01 00", "/sys/class/gpio/meas_power/value write 1"));
-}
-
 } // namespace

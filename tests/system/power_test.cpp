@@ -12,29 +12,6 @@ using testing::HasSubstr;
 
 namespace {
 
-TEST(PowerActions, BacklightAndUsbHostPort)
-{
-    vt::SimBoard board;
-    vt::ProcessResult r = board.velatool({"-b", "300"}); /* truncated to 8 bits: 44 */
-    EXPECT_EQ(0, r.status);
-    EXPECT_EQ("Setting backlight brightness to 44\n", r.out);
-    r = board.velatool({"-b", "0x65"});
-    EXPECT_EQ(234, r.status); /* 101 is out of range */
-    EXPECT_EQ("Setting backlight brightness to 101\nFailed.\n", r.out);
-
-    r = board.velatool({"-u", "1"});
-    EXPECT_EQ(0, r.status);
-    EXPECT_EQ("USB host port power: on\n", r.out);
-    r = board.velatool({"-u", "2"});
-    EXPECT_EQ(234, r.status);
-    EXPECT_EQ("Failed.\n", r.out);
-    EXPECT_THAT(board.journal(),
-                ElementsAre("/sys/class/backlight/tps65217-bl/brightness write 44",
-                            "/sys/class/gpio/usb_power/value write 1",
-                            "/sys/bus/platform/drivers/musb-dsps/unbind write 47401c00.usb",
-                            "/sys/bus/platform/drivers/musb-dsps/bind write 47401c00.usb"));
-}
-
 /* Under the warp clock the ten seconds of suspend take no real time. */
 TEST(PowerActions, SuspendWithAWakeUpTime)
 {
