@@ -111,15 +111,6 @@ TEST(Aquisition, MonitorWritesTheLastSampleToTheOptoPort)
     }
 }
 
-TEST(Aquisition, WithoutThePruSubsystemItFailsCleanly)
-{
-    vt::SimBoard board("absent = /dev/uio0\n");
-    vt::ProcessResult r = board.velatool({"-A", "0"});
-    EXPECT_EQ(255, r.status);
-    EXPECT_EQ("Aquiring data:\nFailed.\n", r.out);
-    EXPECT_THAT(r.err, HasSubstr("ERROR: aquisition_init() failed\n"));
-}
-
 /* As on the instrument: firmware that never reaches its main loop leaves the
  * program waiting for good. */
 TEST(Aquisition, FirmwareThatNeverSignalsBlocksTheStart)

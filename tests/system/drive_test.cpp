@@ -47,24 +47,6 @@ TEST(SetterActions, TakeTheirRangeAndRefuseTheRest)
     }
 }
 
-TEST(DriveActions, EndSwitchQueryAtAndAwayFromHome)
-{
-    vt::SimBoard away;
-    vt::ProcessResult r = away.velatool({"-a"});
-    EXPECT_EQ(0, r.status);
-    EXPECT_EQ("Query endswitch state:\n1: endposition not reached\n", r.out);
-
-    vt::SimBoard home("[drive]\nposition_mm = 0\n");
-    r = home.velatool({"-a"});
-    EXPECT_EQ(0, r.status);
-    EXPECT_EQ("Query endswitch state:\n0: endposition reached\n", r.out);
-
-    vt::SimBoard broken("absent = /sys/class/gpio/vg_anf/value\n");
-    r = broken.velatool({"-a"});
-    EXPECT_EQ(255, r.status);
-    EXPECT_EQ("Query endswitch state:\nFailed.\n", r.out);
-}
-
 /* The board outlives the program: a drive started by one call keeps moving
  * and is home when a later call looks. */
 TEST(DriveActions, TheBoardCarriesOnBetweenRuns)
