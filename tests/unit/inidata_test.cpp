@@ -5,7 +5,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <sstream>
 #include <string>
 #include <sys/resource.h>
 #include <vector>
@@ -272,16 +271,11 @@ TEST_F(IniDataTest, HandleInterface)
     MINIDATA_HANDLE h = MIniData_CreateWithFlags(MINIDATA_FLAG_FSYNC | MINIDATA_FLAG_ATOMIC_SAVE);
     ASSERT_NE(nullptr, h);
     EXPECT_EQ(1, MIniData_Open(h, path.c_str()));
-    EXPECT_EQ(1, MIniData_IsOpen(h));
     EXPECT_EQ(1, MIniData_HasNoFile(h));
     EXPECT_EQ(1, MIniData_SetLongEntry(h, "counters", "uptime", 42));
     EXPECT_EQ(1, MIniData_SetDoubleEntry(h, "channel", "f", 20000.0));
     EXPECT_EQ(1, MIniData_SetStringEntry(h, "general", "machine", "VELAN"));
-    EXPECT_EQ(3, MIniData_GetNumSections(h));
     EXPECT_EQ(1, MIniData_DoesSectionExist(h, "general"));
-    EXPECT_EQ(1, MIniData_GetNumEntries(h, "counters"));
-    EXPECT_EQ(0, MIniData_GetNumEntries(h, "missing"));
-    EXPECT_EQ(1, MIniData_DoesEntryExist(h, "channel", "f"));
 
     long l = 0;
     double d = 0;
@@ -304,110 +298,14 @@ TEST_F(IniDataTest, HandleInterface)
     ASSERT_NE(nullptr, content);
     EXPECT_STREQ(expected, content);
     free(content);
-
     EXPECT_EQ(1, MIniData_SetContentString(h, "[x]\ny=1\n"));
     EXPECT_EQ(0, MIniData_DoesSectionExist(h, "general"));
-    EXPECT_EQ(1, MIniData_Reload(h));
-    EXPECT_EQ(1, MIniData_DeleteEntry(h, "general", "machine"));
-    EXPECT_EQ(1, MIniData_DeleteSection(h, "channel"));
-    EXPECT_EQ(0, MIniData_DeleteSection(h, "channel"));
-    EXPECT_EQ(0, MIniData_SetStringEntry(h, "general", nullptr, "v"));
-    EXPECT_EQ(1, MIniData_Close(h));
-    EXPECT_EQ(0, MIniData_IsOpen(h));
+    EXPECT_EQ(0, MIniData_SetContentString(h, "[a"));
     MIniData_Destroy(h);
     MIniData_Destroy(nullptr);
-
-    MINIDATA_HANDLE plain = MIniData_Create();
-    EXPECT_EQ(0, MIniData_IsOpen(plain));
-    EXPECT_EQ(0, MIniData_SetContentString(plain, "[a"));
-    MIniData_Destroy(plain);
 }
 
-TEST_F(IniDataTest, CopiesCompareAndPrintByContent)
-{
-    MIniData a(MINIDATA_FLAG_REPLACE_ENTRIES);
-    ASSERT_TRUE(a.Open(path.c_str()));
-    ASSERT_TRUE(a.SetContentString("; head\n[z]\nk = 1\n[y]\n"));
-    MIniData b(a);
-    EXPECT_TRUE(a == b);
-    EXPECT_TRUE(b.IsOpen());
-    EXPECT_EQ(path, b.GetFilename());
-    ASSERT_TRUE(b.SetLongEntry("z", "k", 2));
-    EXPECT_TRUE(a != b);
-    MIniData c(0);
-    c = b;
-    c = c;
-    EXPECT_TRUE(c == b);
-    std::ostringstream os;
-    os << c;
-    EXPECT_EQ("; head\n[y]\n[z]\nk = 2\n", os.str());
-}
-
-/* Arbitrary bytes either load or fail with a last-error text; what loads
- * comes back unchanged through a file and through the content string. The
- * lines are built from INI-like pieces and random bytes (NUL, CR, 0xFF, ...). */
-TEST_F(IniDataTest, ArbitraryBytesLoadOrFailWithAText)
-{
-    uint32_t seed = 12345;
-    auto next = [&seed]() {
-        seed ^= seed << 13;
-        seed ^= seed >> 17;
-        seed ^= seed << 5;
-        return seed;
-    };
-    auto bytes = [&next](size_t max) {
-        std::string b;
-        for (size_t n = next() % max; n > 0; n--)
-            b += next() % 5 == 0 ? static_cast<char>(next()) : static_cast<char>('a' + next() % 4);
-        return b;
-    };
-    const std::string marks[] = {"", "", "\xEF\xBB\xBF", "\xFF\xFE", "\xFE\xFF", std::string("\xFF\xFE\0\0", 4)};
-    const char* const ends[] = {"\n", "\r\n", "\r", "\n\n"};
-    const int flag_sets[] = {0, MINIDATA_FLAG_RELAXED_SYNTAX, MINIDATA_FLAG_REPLACE_SECTIONS,
-                             MINIDATA_FLAG_REPLACE_ENTRIES, 0x23};
-    std::string copy_path = dir.file("copy.ini");
-    int loaded = 0;
-    for (int round = 0; round < 300; round++) {
-        std::string text = marks[next() % 6];
-        if (next() % 4 != 0)
-            text += "[s]\n"; /* most rounds get past "entry before first section" */
-        for (size_t lines = next() % 40; lines > 0; lines--) {
-            switch (next() % 6) {
-            case 0: text += "[" + bytes(4) + "]" + bytes(3); break;
-            case 1:
-            case 2: text += std::string(next() % 2, ' ') + bytes(4) + "=" + bytes(8); break;
-            case 3: text += ";" + bytes(8); break;
-            case 4: text += std::string(next() % 3, '\t'); break;
-            default: text += bytes(12); break;
-            }
-            text += ends[next() % 4];
-        }
-        vt::write_file(path, text);
-
-        int flags = flag_sets[next() % 5];
-        MIniData doc(flags);
-        if (!doc.Open(path.c_str())) {
-            EXPECT_FALSE(doc.GetLastErrorString().empty()) << round;
-            MErrTrace_ClearContext();
-            continue;
-        }
-        loaded++;
-        std::string content = content_of(doc);
-        vt::write_file(copy_path, content);
-        MIniData again(flags);
-        ASSERT_TRUE(again.Open(copy_path.c_str())) << round << ": " << again.GetLastErrorString();
-        EXPECT_EQ(content, content_of(again)) << round;
-        if (content.find('\0') == std::string::npos) {
-            ASSERT_TRUE(again.SetContentString(content)) << round;
-            EXPECT_EQ(content, content_of(again)) << round;
-        }
-    }
-    /* the generator must reach both paths */
-    EXPECT_GT(loaded, 40);
-    EXPECT_LT(loaded, 260);
-}
-
-TEST_F(IniDataTest, LongLinesBinaryValuesAndManySections)
+TEST_F(IniDataTest, LongLinesAndBinaryValues)
 {
     std::string value(100000, 'v');
     vt::write_file(path, "[s]\nk=" + value + std::string("\nbin=a\0b\xff\n", 10));
@@ -422,18 +320,6 @@ TEST_F(IniDataTest, LongLinesBinaryValuesAndManySections)
     vt::write_file(path, "[s]\n" + value + "\n");
     EXPECT_FALSE(doc.Open(path.c_str()));
     EXPECT_EQ("No '=' found in \"" + value.substr(0, 50) + "\" in section [s]", doc.GetLastErrorString());
-
-    std::string text;
-    for (int i = 4999; i >= 0; i--)
-        text += "[sec" + std::to_string(i) + "]\nk=" + std::to_string(i) + "\n";
-    vt::write_file(path, text);
-    ASSERT_TRUE(doc.Open(path.c_str()));
-    EXPECT_EQ(5000, doc.GetNumSections());
-    long n = 0;
-    EXPECT_TRUE(doc.GetLongEntry("sec1234", "k", &n));
-    EXPECT_EQ(1234, n);
-    Names names = doc.GetSectionNames();
-    EXPECT_TRUE(std::is_sorted(names.begin(), names.end()));
 }
 
 /* Limits the file size a write may reach, as a full disk would. */
