@@ -232,10 +232,12 @@ TEST_F(ScanMove, RefusedScansAnswerWithTheirErrorAndStartNothing)
         EXPECT_EQ(-1, run(line)) << line;
     for (const char* line : {"scan x=17.6", "scan x=0.05", "scan time=41", "scan time=0.05"})
         EXPECT_EQ(-1, run(line)) << line;
+    state.pruss_info.max_samples = 1999; /* a buffer one sample short */
+    EXPECT_EQ(-1, run("scan x=1"));
     EXPECT_THAT(lines(), ElementsAre("7 error invalid pstate", "7 error syntax invalid", "7 error syntax invalid",
                                      "7 error syntax invalid", "7 error syntax invalid", "7 error value out of range",
                                      "7 error value out of range", "7 error value out of range",
-                                     "7 error value out of range"));
+                                     "7 error value out of range", "7 error value out of range"));
     EXPECT_EQ(-1, state.fdscanmovetimer);
     EXPECT_EQ(nullptr, state.scanmove_client);
     EXPECT_THAT(dac_writes(), IsEmpty());
@@ -277,16 +279,23 @@ TEST_F(ScanMove, DistanceScanSetsDriveRateAndBudget)
 
 TEST_F(ScanMove, TimedScanAndLimitsStart)
 {
+    state.skip_samples = 300;
     ASSERT_EQ(1, run("scan time=40"));
     EXPECT_THAT(dac_writes(), IsEmpty());
     EXPECT_THAT(vt::entries("pruss acquire"), ElementsAre(HasSubstr("count=40000 interval=3125 ovs=6 filter=1 mode=1")));
-    EXPECT_EQ(41000, state.scantimeout);
+    EXPECT_EQ(41300, state.scantimeout); /* and the 300 ms of discarded samples */
     scan_abort(&client_);
     ASSERT_EQ(1, run("scan timeout=0.1"));
     scan_abort(&client_);
     EXPECT_EQ(2u, state.meas_cycles);
     auto all = lines();
     EXPECT_EQ(2, std::count(all.begin(), all.end(), "7 error aborted"));
+
+    /* An odd count: the last sample comes with the end of the acquisition. */
+    ASSERT_EQ(1, run("scan time=0.101"));
+    serve();
+    std::vector<std::string> rest;
+    EXPECT_EQ(101u, samples_of(lines(), 7, &rest).size());
 }
 
 TEST_F(ScanMove, EverySampleArrivesOnceInOrder)
@@ -359,17 +368,8 @@ TEST_F(ScanMove, OverflowLimits)
 }
 
 /* Error codes other than an overflow come from requests this program never
- * makes: the firmware model reports one on demand. */
-class ScanMoveOnTheModel : public ScanMove {
-protected:
-    /* The firmware's behavioural model: board time is cheap with it (the
-     * instruction-level cores cost real seconds per board second), and it
-     * reports error codes on demand. The firmware itself is held to the model
-     * elsewhere. */
-    std::string scenario() const override { return "[pru]\nengine = model\n"; }
-};
-
-TEST_F(ScanMoveOnTheModel, AFirmwareErrorFailsTheScan)
+ * makes. */
+TEST_F(ScanMove, AFirmwareErrorFailsTheScan)
 {
     ASSERT_TRUE(sim::set("pru.error", "5"));
     ASSERT_EQ(1, run("scan x=1"));
