@@ -242,7 +242,8 @@ TEST_F(Clock, SuspendStopsTheMonotonicClockUntilTheAlarm)
     arm_alarm(30);
     int fd = open("/sys/power/state", O_WRONLY);
     ASSERT_GE(fd, 0);
-    ASSERT_EQ(3, write(fd, "mem", 3)); /* returns after the resume; its journal is checked with the program's suspend */
+    /* Returns after the resume; its journal is checked with the program's suspend. */
+    ASSERT_EQ(3, write(fd, "mem", 3));
     EXPECT_EQ(mono, read_clock(CLOCK_MONOTONIC));
     EXPECT_NEAR(30, (read_clock(CLOCK_REALTIME) - wall) / kSec, 1);
     EXPECT_NEAR(30, rtc_seconds() - rtc, 1);
