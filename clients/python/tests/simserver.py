@@ -41,11 +41,7 @@ class SimServer:
         os.mkdir(os.path.join(self.tmp, "config"))
         scenario_file = os.path.join(self.tmp, "scenario.ini")
         with open(scenario_file, "w") as f:
-            # The client is under test here: the firmware's behavioural model
-            # keeps its scans quick under the sanitizer, and its demodulation
-            # phase fixed (on the simulated cores it was seen 2/32 off under
-            # load, which scales the readings by 0.92).
-            f.write("[pru]\nengine = model\n" + scenario)
+            f.write(scenario)
         self.port = free_port()
         env = dict(os.environ, ORVIK_CONFIGPATH=os.path.join(self.tmp, "config"))
         self.log = open(os.path.join(self.tmp, "server.log"), "w")
