@@ -180,39 +180,9 @@ TEST_F(IniDataTest, SettersKeepTheNameAndSpacingAndClearSaved)
     EXPECT_TRUE(doc.GetDoubleEntry("s", "d", &d));
     EXPECT_EQ(0.1, d);
 
-    /* SetSyntaxErrorFlag replaces the whole flag word */
-    doc.SetSyntaxErrorFlag(MINIDATA_FLAG_RELAXED_SYNTAX);
-    EXPECT_TRUE(doc.SetContentString("[s]\nloose\n"));
-    doc.SetSyntaxErrorFlag(0);
-    EXPECT_FALSE(doc.SetContentString("[s]\nloose\n"));
 }
 
-TEST_F(IniDataTest, DeleteChecksTheLinesAndKeepsTheRest)
-{
-    MIniData doc(0);
-    ASSERT_TRUE(doc.SetContentString("[s]\n; c\na=1\n\nb = 2\n  \n[t]\nx=1\n"));
-    ASSERT_TRUE(doc.DeleteEntry("s", "b"));
-    EXPECT_EQ("[s]\n; c\na=1\n\n  \n[t]\nx=1\n", content_of(doc));
-
-    EXPECT_FALSE(doc.DeleteEntry("s", "b"));
-    EXPECT_TRUE(trace_has("MIniDataSectionT::DeleteEntry(): entry \"b\" not found in entry_map"));
-    EXPECT_TRUE(trace_has("MIniData::DeleteEntry(): MIniDataSectionT::DeleteEntry() failed (\"s\",\"b\")"));
-    EXPECT_FALSE(doc.DeleteEntry("s", "a ")); /* compared exactly here */
-    EXPECT_FALSE(doc.DeleteEntry("q", "a"));
-    EXPECT_TRUE(trace_has("MIniData::DeleteEntry(): section \"q\" not found"));
-
-    /* a line broken through its pointer is reported, not skipped */
-    doc.GetSectionPtr("s")->GetEntryPtr("a")->GetLinePtr()->assign("broken");
-    EXPECT_FALSE(doc.DeleteEntry("s", "a"));
-    EXPECT_TRUE(trace_has("MIniDataSectionT::DeleteEntry(): no '=' found in \"broken\""));
-
-    ASSERT_TRUE(doc.DeleteSection("t"));
-    EXPECT_EQ(1, doc.GetNumSections());
-    EXPECT_FALSE(doc.DeleteSection("t"));
-    EXPECT_TRUE(trace_has("MIniData::DeleteSection(): section \"t\" not found"));
-}
-
-TEST_F(IniDataTest, FileStatesAcrossOpenSaveReloadAndClose)
+TEST_F(IniDataTest, FileStatesAcrossOpenSaveAndClose)
 {
     MIniData doc(MINIDATA_FLAG_ATOMIC_SAVE);
     ASSERT_TRUE(doc.Open(path.c_str())); /* absent: open and empty */
@@ -226,7 +196,6 @@ TEST_F(IniDataTest, FileStatesAcrossOpenSaveReloadAndClose)
     EXPECT_EQ((Names{"test.ini"}), files_in(dir.path())); /* the temporary file is gone */
 
     vt::write_file(path, "[c]\nn=2\n");
-    ASSERT_TRUE(doc.Reload());
     ASSERT_TRUE(doc.Open(doc.GetFilename().c_str())); /* its own name, cleared by the implied Close */
     long n = 0;
     EXPECT_TRUE(doc.GetLongEntry("c", "n", &n));
@@ -235,17 +204,8 @@ TEST_F(IniDataTest, FileStatesAcrossOpenSaveReloadAndClose)
     EXPECT_FALSE(doc.IsOpen());
     EXPECT_EQ("", doc.GetFilename());
     EXPECT_EQ(0, doc.GetNumSections());
-    EXPECT_FALSE(doc.Reload());
     EXPECT_FALSE(doc.Save()); /* no file name */
     EXPECT_TRUE(trace_has("MIniData::Save(): MFastFile_WriteLinesAtOnce(\"\") failed"));
-
-    MIniDataT<MIniDataCaseSensitiveCompare> deferred(path.c_str(), MINIDATA_FLAG_NO_OPEN);
-    EXPECT_FALSE(deferred.IsOpen());
-    EXPECT_EQ(path, deferred.GetFilename());
-    EXPECT_EQ(0, deferred.GetNumSections());
-    MIniDataT<MIniDataCaseSensitiveCompare> opened(path.c_str(), 0);
-    EXPECT_TRUE(opened.IsOpen());
-    EXPECT_TRUE(opened.DoesEntryExist("c", "n"));
 }
 
 TEST_F(IniDataTest, ByteOrderMarks)
