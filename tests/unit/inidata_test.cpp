@@ -102,25 +102,22 @@ TEST_F(IniDataTest, OpenKeepsLinesAndSaveRegroupsSections)
               vt::read_file(path));
 }
 
-TEST_F(IniDataTest, ParserRejectsBadLinesUnlessFlagsRelaxThem)
+TEST_F(IniDataTest, ParserRejectsBadLines)
 {
     struct Case {
         const char* text;
-        int flags;
         const char* error; /* null: parses */
     } cases[] = {
-        {" [a]\n", 0, "Possible entry \" [a]\" found before first section"},
-        {"[s]\n [a]\n", 0, "No '=' found in \" [a]\" in section [s]"},
-        {"[s] ; c\n = v\n", 0, "No entry name found before '=' in \" = v\" in section [s] ; c"},
-        {"[s\n", 0, "no matching ']' found in \"[s\""},
-        {"[a]\n[a]\n", 0, "Section [a] seen twice"},
-        {"[a]\nk=1\nk =2\n", 0, "Entry \"k\" seen twice in section [a]"},
-        {"[a]\n[A]\n", 0, nullptr},
-        {"[s]\n [a]\n=v\n", MINIDATA_FLAG_RELAXED_SYNTAX, nullptr},
-        {"[s]\nno equals\n", MINIDATA_FLAG_REPLACE_SECTIONS, nullptr},
+        {" [a]\n", "Possible entry \" [a]\" found before first section"},
+        {"[s]\n [a]\n", "No '=' found in \" [a]\" in section [s]"},
+        {"[s] ; c\n = v\n", "No entry name found before '=' in \" = v\" in section [s] ; c"},
+        {"[s\n", "no matching ']' found in \"[s\""},
+        {"[a]\n[a]\n", "Section [a] seen twice"},
+        {"[a]\nk=1\nk =2\n", "Entry \"k\" seen twice in section [a]"},
+        {"[a]\n[A]\n", nullptr},
     };
     for (const Case& c : cases) {
-        MIniData doc(c.flags);
+        MIniData doc(0);
         MErrTrace_ClearContext();
         EXPECT_EQ(c.error == nullptr, doc.SetContentString(c.text)) << c.text;
         if (c.error != nullptr) {
@@ -129,15 +126,6 @@ TEST_F(IniDataTest, ParserRejectsBadLinesUnlessFlagsRelaxThem)
             EXPECT_TRUE(trace_has(("MIniData::parse_line(): " + std::string(c.error)).substr(0, 24 + 70))) << c.text;
         }
     }
-
-    /* with flag 2 the later section wins, with flag 32 the later entry */
-    MIniData sections(MINIDATA_FLAG_REPLACE_SECTIONS);
-    ASSERT_TRUE(sections.SetContentString("[a]\nold=1\n[b]\n[a]\nnew=2\n"));
-    EXPECT_EQ("[a]\nnew=2\n[b]\n", content_of(sections));
-    MIniData entries(MINIDATA_FLAG_REPLACE_ENTRIES | MINIDATA_FLAG_RELAXED_SYNTAX);
-    ASSERT_TRUE(entries.SetContentString("[a]\nk=1\nloose line\n\nk =2\n"));
-    EXPECT_EQ("[a]\nloose line\n\nk =2\n", content_of(entries));
-    EXPECT_EQ(1, entries.GetNumEntries("a"));
 
     /* an error text is cut, never overrun */
     MIniData doc(0);
