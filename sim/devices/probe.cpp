@@ -73,8 +73,8 @@ int Probe::raw(const MeasChannel& meas, double x_mm, uint64_t n) const
     if (!meas.power || meas.sine_hz <= 0)
         return 0;
     /* The synchronous demodulator passes the cosine of its phase error. */
-    double gain = std::cos(2 * M_PI * (meas.ref_phase - 8) / 32.0);
-    double code = gain * (zero_raw + height_um(x_mm) / 1000.0 / mm_per_raw) + noise_raw * noise(n);
+    double gain = meas.ref_phase == 8 ? 1.0 : std::cos(2 * M_PI * (meas.ref_phase - 8) / 32.0);
+    double code = gain * (zero_raw + height_um(x_mm) / 1000.0 / mm_per_raw) + (noise_raw != 0 ? noise_raw * noise(n) : 0);
     return static_cast<int>(std::clamp(std::lround(code), 0L, 65535L));
 }
 

@@ -242,8 +242,10 @@ void PruCore::stop()
     state_ = State::Off;
 }
 
-void PruCore::poke(cycle_t c)
+void PruCore::poke(cycle_t c, uint32_t bits)
 {
+    if (bits != 0xFFFFFFFF && !(wait_mask_ & bits))
+        return; /* not what it waits on: nothing to look at again */
     if (state_ == State::Waiting && c < cycle_)
         cycle_ = std::max(c, wait_from_ + 1);
 }
@@ -260,6 +262,7 @@ void PruCore::halt(const std::string& why)
 void PruCore::wait(uint32_t mask)
 {
     wait_from_ = cycle_;
+    wait_mask_ = mask;
     cycle_t wake = mask != 0 ? bus_.input_change(index_, mask, cycle_) : kNeverCycle;
     cycle_ = std::max(cycle_ + 1, wake);
     state_ = State::Waiting;

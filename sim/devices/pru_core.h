@@ -60,9 +60,10 @@ public:
      * that reach beyond the register file (memory, pins, events) only up to
      * sync: another core or the timer may act before then. */
     void run(cycle_t limit, cycle_t sync);
-    /* The core's input may have changed at cycle c: a waiting core looks
-     * again then (not before it began to wait). */
-    void poke(cycle_t c);
+    /* The core's input bits `bits` may have changed at cycle c: a core
+     * waiting on any of them looks again then (not before it began to
+     * wait); with all bits, any waiting core does. */
+    void poke(cycle_t c, uint32_t bits = 0xFFFFFFFF);
     /* Lowers the current run's sync. */
     void limit(cycle_t c)
     {
@@ -126,6 +127,7 @@ private:
     cycle_t stop_at_ = 0;
     cycle_t sync_at_ = 0;
     cycle_t wait_from_ = 0;
+    uint32_t wait_mask_ = 0; /* the R31 bits a waiting core waits on */
     cycle_t started_at_ = 0;
     cycle_t stopped_at_ = 0;
     uint64_t insns_ = 0;

@@ -121,6 +121,7 @@ void PruEngine::reset()
     pruss_.reg(kIep + GLOBAL_CFG) = kIepReset;
     iep_anchor_ = 0;
     iep_count0_ = 0;
+    iep_configured();
     iep_next_ = kNeverCycle;
     conv_index_ = 0;
 }
@@ -158,6 +159,7 @@ void PruEngine::advance(ns_t now)
         pos_time_ = now;
         pos_mm_ = drive_.position_mm;
         iep_anchor_ = end;
+        iep_configured();
     }
     now_ = now;
     if (!selected_)
@@ -207,11 +209,13 @@ void PruEngine::bound_running()
         running_->limit(running_ == &core0_ ? b.cycle() : b.cycle() - 1);
 }
 
+/* The interrupt controller or the timer changed: it reaches the other
+ * cores only through their host-interrupt bits in R31. */
 void PruEngine::poke_others(const PruCore* from, cycle_t c)
 {
     for (PruCore* p : {&core0_, &core1_}) {
         if (p != from)
-            p->poke(c);
+            p->poke(c, kHostBits);
     }
     bound_running();
 }
@@ -322,7 +326,7 @@ void PruEngine::event(int pru, int sysevent, cycle_t c)
     if (sysevent == kEvtToHost && model_.fault() == PruFirmware::Fault::NoSignal)
         return;
     pruss_.raise(sysevent);
-    pruss_.intc_changed();
+    pruss_.hosts_changed();
     poke_others(&core(pru), c + 1);
 }
 
@@ -506,24 +510,20 @@ uint32_t PruEngine::iep(uint32_t reg) const
     return pruss_.word(kIep + reg);
 }
 
-/* The cycle COUNT first reaches CMP0 after the last write; kNeverCycle when
- * the counter or the compare is off. */
-cycle_t PruEngine::iep_first_hit() const
+/* After a write: the cycle COUNT first reaches CMP0 (kNeverCycle when the
+ * counter or the compare is off), and the period of the hits when CMP0
+ * resets the counter: the cycle after a hit COUNT is 0, so the period is
+ * CMP0 / increment + 1 cycles (0 without the reset). */
+void PruEngine::iep_configured()
 {
-    uint32_t cfg = iep(GLOBAL_CFG), inc = (cfg >> 4) & 0xF;
+    uint32_t cfg = iep(GLOBAL_CFG), inc = (cfg >> 4) & 0xF, cmp0 = iep(CMP0);
+    iep_first_ = kNeverCycle;
+    iep_period_ = 0;
     if (!(cfg & 1) || inc == 0 || !(iep(CMP_CFG) & 2))
-        return kNeverCycle;
-    uint32_t cmp0 = iep(CMP0);
-    return iep_anchor_ + (iep_count0_ >= cmp0 ? 0 : div_up(cmp0 - iep_count0_, inc));
-}
-
-/* Hits repeat when CMP0 resets the counter: the cycle after a hit COUNT is
- * 0, so the period is CMP0 / increment + 1 cycles. 0 without the reset. */
-cycle_t PruEngine::iep_period() const
-{
-    if (!(iep(CMP_CFG) & 1) || iep_first_hit() == kNeverCycle)
-        return 0;
-    return 1 + div_up(iep(CMP0), (iep(GLOBAL_CFG) >> 4) & 0xF);
+        return;
+    iep_first_ = iep_anchor_ + (iep_count0_ >= cmp0 ? 0 : div_up(cmp0 - iep_count0_, inc));
+    if (iep(CMP_CFG) & 1)
+        iep_period_ = 1 + div_up(cmp0, inc);
 }
 
 uint32_t PruEngine::iep_count(cycle_t c) const
@@ -531,20 +531,18 @@ uint32_t PruEngine::iep_count(cycle_t c) const
     uint32_t cfg = iep(GLOBAL_CFG), inc = (cfg >> 4) & 0xF;
     if (!(cfg & 1) || c <= iep_anchor_)
         return iep_count0_;
-    cycle_t first = iep_first_hit(), period = iep_period();
-    if (period == 0 || c <= first)
+    if (iep_period_ == 0 || c <= iep_first_)
         return static_cast<uint32_t>(iep_count0_ + (c - iep_anchor_) * inc);
-    return static_cast<uint32_t>(((c - first - 1) % period) * inc);
+    return static_cast<uint32_t>(((c - iep_first_ - 1) % iep_period_) * inc);
 }
 
 cycle_t PruEngine::iep_hit_from(cycle_t c) const
 {
-    cycle_t first = iep_first_hit(), period = iep_period();
-    if (first == kNeverCycle || c <= first)
-        return first;
-    if (period == 0)
+    if (iep_first_ == kNeverCycle || c <= iep_first_)
+        return iep_first_;
+    if (iep_period_ == 0)
         return kNeverCycle;
-    return first + div_up(c - first, period) * period;
+    return iep_first_ + div_up(c - iep_first_, iep_period_) * iep_period_;
 }
 
 void PruEngine::iep_write(uint32_t reg, uint32_t v, cycle_t c)
@@ -558,6 +556,7 @@ void PruEngine::iep_write(uint32_t reg, uint32_t v, cycle_t c)
         r &= ~v; /* write 1 to clear */
     else
         r = v;
+    iep_configured();
     iep_next_ = iep_hit_from(c);
     if (running_ != nullptr)
         running_->limit(iep_next_);
@@ -567,13 +566,13 @@ void PruEngine::iep_write(uint32_t reg, uint32_t v, cycle_t c)
  * sticky, so the last one stands for them all. */
 void PruEngine::iep_catch_up(cycle_t before)
 {
-    cycle_t period = iep_period();
+    cycle_t period = iep_period_;
     cycle_t hit = iep_next_;
     if (period != 0)
         hit += (before - 1 - hit) / period * period;
     pruss_.reg(kIep + CMP_STATUS) |= 1;
     pruss_.raise(kIepEvent);
-    pruss_.intc_changed();
+    pruss_.hosts_changed();
     iep_next_ = period != 0 ? hit + period : kNeverCycle;
     poke_others(nullptr, hit + 1);
 }

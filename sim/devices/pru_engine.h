@@ -69,8 +69,7 @@ private:
     /* The IEP timer: COUNT as a function of the cycle since the last write. */
     uint32_t iep(uint32_t reg) const;
     uint32_t iep_count(cycle_t c) const;
-    cycle_t iep_first_hit() const;
-    cycle_t iep_period() const;
+    void iep_configured();
     cycle_t iep_hit_from(cycle_t c) const;
     void iep_write(uint32_t reg, uint32_t v, cycle_t c);
     void iep_catch_up(cycle_t before);
@@ -101,6 +100,10 @@ private:
     cycle_t iep_anchor_ = 0;
     uint32_t iep_count0_ = 0;
     cycle_t iep_next_ = kNeverCycle; /* the next compare hit not yet handled */
+    /* From the registers as last written: the first hit after the write
+     * and the period of the hits (0: no repeat). */
+    cycle_t iep_first_ = kNeverCycle;
+    cycle_t iep_period_ = 0;
 
     ns_t pos_time_ = 0; /* drive position at the last advance */
     double pos_mm_ = 0;

@@ -377,6 +377,11 @@ void Pruss::deliver_interrupts()
 void Pruss::intc_changed()
 {
     take_host_writes();
+    hosts_changed();
+}
+
+void Pruss::hosts_changed()
+{
     r31_hosts_ = (active_hosts() & 3u) << 30;
     deliver_interrupts();
 }

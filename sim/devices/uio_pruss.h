@@ -53,6 +53,8 @@ public:
     /* The controller after a core raised an event or wrote its registers:
      * commands taken, host interrupts delivered, R31 bits 30/31 updated. */
     void intc_changed();
+    /* The same after a core raised an event only: no commands to take. */
+    void hosts_changed();
     uint32_t r31_hosts() const { return r31_hosts_; }
     uint64_t intc_status() const { return status_; }
     uint64_t intc_enabled() const { return enabled_; }

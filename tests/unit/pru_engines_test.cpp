@@ -92,8 +92,11 @@ protected:
 
 TEST_F(PruEngines, CountedAcquisitionsGiveTheSameSamples)
 {
-    /* The test acquisition's modes on a 2048-sample buffer, then scans of
-     * 0.1, 1 and 17.5 mm at 0.1, 0.5 and 1 mm/s (2000 samples a mm). */
+    /* The test acquisition's modes on a 2048-sample buffer, then scans: each
+     * speed over 0.1 mm and each length (0.1, 1 and 17.5 mm) at 1 mm/s
+     * (2000 samples a mm). The speed alone sets the interval and the drive,
+     * the length alone the count, so the rest of the nine pairs adds board
+     * time (a 17.5 mm scan at 0.1 mm/s is 175 s) and no new path. */
     const Request requests[] = {
         {"full buffer", 2048, 2000, 6, 1, 0, 2972},
         {"raw", 2048, 128000, 0, 0, 0, 2972},
@@ -101,11 +104,7 @@ TEST_F(PruEngines, CountedAcquisitionsGiveTheSameSamples)
         {"0.1 mm at 0.1 mm/s", 200, 200, 6, 1, 0, 2171},
         {"0.1 mm at 0.5 mm/s", 200, 1000, 6, 1, 0, 2527},
         {"0.1 mm at 1 mm/s", 200, 2000, 6, 1, 0, 2972},
-        {"1 mm at 0.1 mm/s", 2000, 200, 6, 1, 0, 2171},
-        {"1 mm at 0.5 mm/s", 2000, 1000, 6, 1, 0, 2527},
         {"1 mm at 1 mm/s", 2000, 2000, 6, 1, 0, 2972},
-        {"17.5 mm at 0.1 mm/s", 35000, 200, 6, 1, 0, 2171},
-        {"17.5 mm at 0.5 mm/s", 35000, 1000, 6, 1, 0, 2527},
         {"17.5 mm at 1 mm/s", 35000, 2000, 6, 1, 0, 2972},
     };
     for (const Request& r : requests) {

@@ -42,9 +42,8 @@ class SimServer:
         scenario_file = os.path.join(self.tmp, "scenario.ini")
         with open(scenario_file, "w") as f:
             # The client is under test here: the firmware's behavioural model
-            # keeps its scans quick under the sanitizer, and its demodulation
-            # phase fixed (on the simulated cores it was seen 2/32 off under
-            # load, which scales the readings by 0.92).
+            # keeps its scans and calibrations quick under the sanitizer (the
+            # engine comparison holds the simulated cores to the same samples).
             f.write("[pru]\nengine = model\n" + scenario)
         self.port = free_port()
         env = dict(os.environ, ORVIK_CONFIGPATH=os.path.join(self.tmp, "config"))
