@@ -18,17 +18,19 @@ jobs=$(nproc 2>/dev/null || echo 2)
 status=0
 run() { # preset, then what to build (empty: all), then ctest's test filter
   local preset=$1 targets=$2 filter=$3
+  local t0=$SECONDS t1
   echo "=== $preset ==="
   if cmake --preset "$preset" >/dev/null &&
      cmake --build --preset "$preset" -j "$jobs" ${targets:+--target $targets} &&
-     ctest --preset "$preset" -j "$jobs" ${filter:+-R "$filter"}; then
-    echo "=== $preset: passed ==="
+     t1=$SECONDS && ctest --preset "$preset" -j "$jobs" ${filter:+-R "$filter"}; then
+    echo "=== $preset: passed (build $((t1 - t0)) s, tests $((SECONDS - t1)) s) ==="
   else
     echo "=== $preset: FAILED ==="
     status=1
   fi
 }
 start=$(date +%s)
+echo "=== set-up: $SECONDS s ==="
 run asan "" ""
 run default "velatool velasim velasim_preload vela_changelog" "^packaging\\."
 run armhf "" ""
