@@ -245,6 +245,11 @@ struct Stall {
     bool dropped;
 };
 
+void PrintTo(const Stall& s, std::ostream* os)
+{
+    *os << s.capabilities << " capabilities unread";
+}
+
 class ServerStalledScan : public ServerSlowReader, public testing::WithParamInterface<Stall> {};
 
 TEST_P(ServerStalledScan, TheClientGetsEverySampleOrIsDroppedAfterAWholeLine)
