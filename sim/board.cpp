@@ -268,6 +268,8 @@ void Board::advance_models(ns_t to)
             t = to;
         t = std::max(t, at);
         model_time_ = t;
+        if (next <= to)
+            changed_ = true; /* an event: the models' values move on by themselves */
         for (Model* m : models_)
             m->advance(t);
         model_time_ = -1;
@@ -279,6 +281,12 @@ void Board::advance_models(ns_t to)
 }
 
 void Board::advance()
+{
+    touch();
+    catch_up();
+}
+
+void Board::catch_up()
 {
     advance_models(now_ns());
 }

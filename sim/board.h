@@ -50,11 +50,6 @@ struct OpenFile {
      * serial port's pty): the program gets it instead of a placeholder, so
      * that calls the board does not wrap (termios) work on it natively. */
     int backing_fd = -1;
-    /* The kernel object behind the program's descriptor, to tell it from an
-     * unrelated one that got the same number after a close the board did not
-     * see. */
-    dev_t real_dev = 0;
-    ino_t real_ino = 0;
 };
 
 /* A file of the board: a device node or an attribute. The bus face the
@@ -78,6 +73,9 @@ public:
     virtual short poll(OpenFile& of);
     virtual int64_t seek(OpenFile& of, int64_t off, int whence);
     virtual int64_t size() { return 0; }
+    /* Opening, reading and closing the node change no value of the board (a
+     * sysfs attribute's show()): such calls need no new save of the state. */
+    virtual bool passive() const { return false; }
     /* Returns the address or MAP_FAILED with *err set. */
     virtual void* mmap(OpenFile& of, void* addr, size_t len, int prot, int flags, int64_t off, int* err);
     virtual int munmap(void*, size_t) { return -EINVAL; }
@@ -237,8 +235,7 @@ public:
     /* Descriptors */
     int install(std::shared_ptr<OpenFile> of, int min_fd = 0, bool cloexec = true);
     void bind(int fd, std::shared_ptr<OpenFile> of);
-    /* The open file behind fd, if fd still is the descriptor the board
-     * installed. */
+    /* The open file behind fd, if fd is the board's. */
     std::shared_ptr<OpenFile> file(int fd);
     std::shared_ptr<OpenFile> forget(int fd);
     static bool is_board_fd(int fd);
@@ -251,7 +248,13 @@ public:
 
     /* Models and parameters */
     Params& params() { return params_; }
+    /* Brings the models to now for a caller that may change the board's
+     * values (a device call, a control command, a test): the next wait saves
+     * the state. catch_up() only brings them to now; touch() only notes the
+     * change. */
     void advance();
+    void catch_up();
+    void touch() { changed_ = true; }
     /* Board time of the earliest model event; kNever if none. */
     ns_t next_event();
 
@@ -355,6 +358,7 @@ private:
     std::string wake_reason_;
     uint64_t wakeups_ = 0;
     std::string saved_values_; /* what the state file holds */
+    bool changed_ = true;      /* the values may differ from saved_values_ */
     ns_t saved_at_ = 0;        /* host time it was written */
 };
 

@@ -1,6 +1,9 @@
 /* The board's descriptors. Each is a real descriptor of the process, so that
  * its number is taken in the kernel and close, dup and fcntl behave; the
- * table maps it to the open file of a node. */
+ * table maps it to the open file of a node. An entry lives until the board
+ * sees its descriptor closed or replaced (close, dup2, fclose): the table is
+ * consulted on every call on a board descriptor and every wait, so it must
+ * cost no system call. */
 #include <atomic>
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -29,14 +32,12 @@ void mark_fd(int fd, bool on)
         g_fd_bits[fd / 64].fetch_and(~bit);
 }
 
-bool real_identity(int fd, dev_t* dev, ino_t* ino)
+/* The one memfd every placeholder is a duplicate of: a dup costs the kernel
+ * far less than a new memfd with an inode of its own. */
+int placeholder_template()
 {
-    struct stat st;
-    if (SIM_REAL(fstat)(fd, &st) != 0)
-        return false;
-    *dev = st.st_dev;
-    *ino = st.st_ino;
-    return true;
+    static int fd = memfd_create("velasim", MFD_CLOEXEC);
+    return fd;
 }
 
 } // namespace
@@ -56,28 +57,25 @@ bool Board::is_board_fd(int fd)
     return (g_fd_bits[fd / 64].load(std::memory_order_relaxed) >> (fd % 64)) & 1;
 }
 
-/* A placeholder is a memfd: each has an inode of its own, which tells the
- * board's descriptor from any other that later gets the same number. */
+/* A node that needs no real object of its own gets a placeholder: a
+ * duplicate of one memfd, which takes a number and behaves under close, dup
+ * and fcntl as any descriptor does. */
 int Board::install(std::shared_ptr<OpenFile> of, int min_fd, bool cloexec)
 {
     int fd = of->backing_fd;
     of->backing_fd = -1;
-    if (fd < 0)
-        fd = memfd_create("velasim", cloexec ? MFD_CLOEXEC : 0);
-    if (fd < 0)
-        return -errno;
-    if (fd < min_fd) {
+    if (fd < 0) {
+        int tmpl = placeholder_template();
+        if (tmpl < 0)
+            return -errno;
+        fd = SIM_REAL(fcntl)(tmpl, cloexec ? F_DUPFD_CLOEXEC : F_DUPFD, reinterpret_cast<void*>(static_cast<intptr_t>(min_fd)));
+    } else if (fd < min_fd) {
         int moved = SIM_REAL(fcntl)(fd, cloexec ? F_DUPFD_CLOEXEC : F_DUPFD, reinterpret_cast<void*>(static_cast<intptr_t>(min_fd)));
         SIM_REAL(close)(fd);
-        if (moved < 0)
-            return -errno;
         fd = moved;
     }
-    if (!real_identity(fd, &of->real_dev, &of->real_ino)) {
-        int err = errno;
-        SIM_REAL(close)(fd);
-        return -err;
-    }
+    if (fd < 0)
+        return -errno;
     bind(fd, std::move(of));
     return fd;
 }
@@ -93,19 +91,7 @@ std::shared_ptr<OpenFile> Board::file(int fd)
 {
     std::lock_guard<std::recursive_mutex> lock(mu_);
     auto it = files_.find(fd);
-    if (it == files_.end())
-        return nullptr;
-    /* Closed behind the board's back (fclose(fdopen(fd)), close_range) and
-     * the number reused: the entry is stale. */
-    dev_t dev;
-    ino_t ino;
-    if (!real_identity(fd, &dev, &ino) || dev != it->second->real_dev || ino != it->second->real_ino) {
-        std::shared_ptr<OpenFile> stale = forget(fd);
-        if (stale != nullptr && stale.use_count() == 1)
-            stale->node->release(*stale);
-        return nullptr;
-    }
-    return it->second;
+    return it == files_.end() ? nullptr : it->second;
 }
 
 std::shared_ptr<OpenFile> Board::forget(int fd)
@@ -124,10 +110,8 @@ std::vector<int> Board::descriptors(const std::string& path)
 {
     std::lock_guard<std::recursive_mutex> lock(mu_);
     std::vector<int> fds;
-    for (auto it = files_.begin(); it != files_.end();) {
-        int fd = (it++)->first; /* file() may drop a stale entry */
-        std::shared_ptr<OpenFile> of = file(fd);
-        if (of != nullptr && of->node->path() == path)
+    for (const auto& [fd, of] : files_) {
+        if (of->node->path() == path)
             fds.push_back(fd);
     }
     return fds;

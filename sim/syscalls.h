@@ -130,6 +130,7 @@ int sim_openat(int* r, int dirfd, const char* path, int flags, unsigned mode);
 int sim_fopen(FILE** r, const char* path, const char* mode);
 int sim_opendir(DIR** r, const char* path);
 int sim_close(int* r, int fd);
+int sim_fclose(int* r, FILE* stream);
 int sim_bind(int* r, int fd, const struct sockaddr* addr, socklen_t len);
 int sim_dup3(int* r, int fd, int newfd, int flags, int kind);
 int sim_fcntl(int* r, int fd, int cmd, void* arg);

@@ -37,7 +37,7 @@ int Board::wait_until(struct pollfd* fds, size_t n, ns_t deadline, const sigset_
         real_index.clear();
         {
             std::lock_guard<std::recursive_mutex> lock(mu_);
-            advance();
+            catch_up();
             now = now_ns();
             for (size_t i = 0; i < n; i++) {
                 fds[i].revents = 0;
@@ -92,7 +92,7 @@ int Board::wait_until(struct pollfd* fds, size_t n, ns_t deadline, const sigset_
             /* The program resumes with the models at now: it may look at
              * shared memory next, without a call into the board. */
             std::lock_guard<std::recursive_mutex> lock(mu_);
-            advance();
+            catch_up();
             return ready + real_ready;
         }
         if (warp && !control && next != kNever)

@@ -55,7 +55,9 @@ struct FdCall {
         lock = std::unique_lock<std::recursive_mutex>(board->mutex());
         of = board->file(fd);
         if (of != nullptr)
-            board->advance();
+            board->catch_up();
+        if (of != nullptr && !of->node->passive())
+            board->touch();
     }
     bool ours() const { return of != nullptr; }
 

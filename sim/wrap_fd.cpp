@@ -32,6 +32,8 @@ int open_node(Board& b, Node* node, int flags)
     auto of = std::make_shared<OpenFile>();
     of->node = node;
     of->flags = flags;
+    if (!node->passive())
+        b.touch();
     int err = node->open(*of);
     if (err < 0)
         return err;
@@ -74,6 +76,7 @@ int64_t write_node(FdCall& c, const void* buf, size_t n)
 {
     if ((c.of->flags & O_ACCMODE) == O_RDONLY)
         return -EBADF;
+    c.board->touch();
     const std::string& path = c.of->node->path();
     FaultHit f = c.board->take_fault(path, "write");
     if (f.cut) {
@@ -189,11 +192,34 @@ int sim_close(int* r, int fd)
     ErrnoKeeper e;
     Board& b = Board::get();
     std::lock_guard<std::recursive_mutex> lock(b.mutex());
-    b.advance(); /* the models see what the program did through the device last */
-    if (b.file(fd) == nullptr)
+    b.catch_up(); /* the models see what the program did through the device last */
+    std::shared_ptr<OpenFile> of = b.forget(fd);
+    if (of == nullptr)
         return 0; /* not the board's any more: a plain close */
-    release_if_last(b.forget(fd));
+    if (!of->node->passive())
+        b.touch();
+    release_if_last(std::move(of));
     return real_result(r, e, SIM_REAL(close)(fd));
+}
+
+/* A stream made by fdopen() on a board descriptor closes it inside the C
+ * library, where the board cannot see it: the entry goes with the stream. */
+int sim_fclose(int* r, FILE* stream)
+{
+    Guard g;
+    if (g.nested() || stream == nullptr || !Board::active())
+        return 0;
+    ErrnoKeeper e;
+    int fd = fileno(stream); /* -1 for the board's own cookie streams */
+    if (!Board::is_board_fd(fd))
+        return 0;
+    Board& b = Board::get();
+    std::lock_guard<std::recursive_mutex> lock(b.mutex());
+    b.advance();
+    *r = SIM_REAL(fclose)(stream);
+    e.keep_current();
+    release_if_last(b.forget(fd));
+    return 1;
 }
 
 int sim_dup3(int* r, int fd, int newfd, int flags, int kind)

@@ -29,13 +29,13 @@ struct client_s* remote_client(int idx)
  * writes it when the socket can take more. A client that lets the queue
  * grow past REMOTE_OUT_MAX is dropped instead (out_full). */
 
-/* Writes from s what the socket takes now: the count, or -1 when the
- * connection failed (the rest is then of no use). */
-static ssize_t write_some(int fd, const char* s, size_t len)
+/* Writes from s what the client's socket takes now: the count, or -1 when
+ * the connection failed (the rest is then of no use). */
+static ssize_t write_some(struct client_s* client, const char* s, size_t len)
 {
     size_t done = 0;
     while (done < len) {
-        ssize_t n = write(fd, s + done, len - done);
+        ssize_t n = write(client->sock, s + done, len - done);
         if (n > 0) {
             done += (size_t)n;
             continue;
@@ -46,6 +46,8 @@ static ssize_t write_some(int fd, const char* s, size_t len)
             break;
         return -1;
     }
+    if (done > 0)
+        client->out_midline = s[done - 1] != '\n';
     return (ssize_t)done;
 }
 
@@ -81,7 +83,7 @@ int client_puts(struct client_s* client, const char* s, size_t len)
         return -1;
     size_t done = 0;
     if (client->out_len == 0) {
-        ssize_t n = write_some(client->sock, s, len);
+        ssize_t n = write_some(client, s, len);
         if (n < 0)
             return -1; /* the reader finds the connection gone */
         done = (size_t)n;
@@ -103,7 +105,7 @@ int client_flush(struct client_s* client)
 {
     if (client->sock < 0 || client->out_len == 0)
         return 0;
-    ssize_t n = write_some(client->sock, client->out + client->out_head, client->out_len);
+    ssize_t n = write_some(client, client->out + client->out_head, client->out_len);
     if (n < 0)
         return -1;
     client->out_head += (size_t)n;
@@ -118,7 +120,14 @@ void client_drop_output(struct client_s* client)
     free(client->out);
     client->out = NULL;
     client->out_head = client->out_len = client->out_cap = 0;
-    client->out_full = 0;
+    client->out_midline = client->out_full = client->dropping = 0;
+}
+
+void client_keep_started_line(struct client_s* client)
+{
+    const char* rest = client->out + client->out_head;
+    const char* end = client->out_midline && client->out_len > 0 ? (const char*)memchr(rest, '\n', client->out_len) : NULL;
+    client->out_len = end != NULL ? (size_t)(end - rest) + 1 : 0;
 }
 
 /* ---- Reply lines ---- */

@@ -31,13 +31,18 @@ struct client_s {
     size_t in_len = 0;
     int in_discard = 0;
     int in_eof = 0;
-    /* Whole lines the socket has not taken yet, out[out_head..out_head +
-     * out_len); out_full: a line did not fit, the client is to be dropped. */
+    /* Lines the socket has not taken yet, out[out_head..out_head +
+     * out_len): whole ones, but for the rest of a line whose start the
+     * socket has (out_midline). out_full: a line did not fit, the client is
+     * to be dropped; dropping: it is, and leaves once the socket has the
+     * rest of that line, or when a new client needs the slot. */
     char* out = nullptr;
     size_t out_head = 0;
     size_t out_len = 0;
     size_t out_cap = 0;
+    int out_midline = 0;
     int out_full = 0;
+    int dropping = 0;
 };
 
 struct state_s {
@@ -114,6 +119,8 @@ int client_puts(struct client_s* client, const char* s, size_t len);
 int client_flush(struct client_s* client);
 /* Forgets queued output and frees the queue (the slot is closed). */
 void client_drop_output(struct client_s* client);
+/* Keeps of the queue only the rest of the line the socket has begun. */
+void client_keep_started_line(struct client_s* client);
 int remote_error(struct client_s* client, const char* text);
 int remote_warn(struct client_s* client, const char* text);
 int remote_id_error(struct client_s* client, int id, const char* text);

@@ -50,6 +50,48 @@ int setnonblocking(int sock)
 
 static int listen_sock = -1;
 
+static void close_client(struct client_s* client)
+{
+    close(client->sock);
+    client->sock = -1;
+    client->in_len = 0;
+    client->in_discard = 0;
+    client->in_eof = 0;
+    client_drop_output(client);
+}
+
+/* Input left unread makes close() reset the connection, and a reset throws
+ * away what the socket has not sent yet: the finished line with it. */
+static void close_dropped(struct client_s* client)
+{
+    MTRACE(3, "read_socks(): dropped slot %d closed%s", client->idx,
+           client->out_len == 0 ? "" : " before its last line was out");
+    char buf[4096];
+    for (int i = 0; i < 16 && read(client->sock, buf, sizeof buf) > 0; i++) {
+    }
+    close_client(client);
+}
+
+/* A free slot; else the slot of a dropped client still finishing its last
+ * line, which leaves now to make room; else none. */
+static struct client_s* free_slot(void)
+{
+    for (int i = 0; i < REMOTE_CLIENTS; i++) {
+        if (remote_client(i)->sock == -1) {
+            remote_client(i)->idx = i;
+            return remote_client(i);
+        }
+    }
+    for (int i = 0; i < REMOTE_CLIENTS; i++) {
+        struct client_s* client = remote_client(i);
+        if (client->dropping) {
+            close_dropped(client);
+            return client;
+        }
+    }
+    return NULL;
+}
+
 int handle_new_connection(void)
 {
     struct sockaddr_in peer;
@@ -70,34 +112,21 @@ int handle_new_connection(void)
      * bound allows, on a board with little memory. */
     int sndbuf = REMOTE_SNDBUF;
     setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &sndbuf, sizeof sndbuf);
-    for (int i = 0; i < REMOTE_CLIENTS; i++) {
-        struct client_s* client = remote_client(i);
-        if (client->sock != -1)
-            continue;
-        MTRACE(3, "handle_new_connection(): Connection accepted: FD=%d; Slot=%d", fd, i);
-        client->sock = fd;
-        client->idx = i;
-        int bstate = 0, level = 0;
-        vela_batt_state_get(&bstate, &level);
-        vela_send_battery_event(client, bstate);
-        if (bstate != BATT_STATE_CHARGING_USB)
-            vela_send_battery_level_event(client, level);
-        return 0;
+    struct client_s* client = free_slot();
+    if (client == NULL) {
+        MTRACE(3, "handle_new_connection(): No slot left for new client.");
+        sock_puts(fd, "ERROR: Sorry, server is too busy.");
+        close(fd);
+        return -1;
     }
-    MTRACE(3, "handle_new_connection(): No slot left for new client.");
-    sock_puts(fd, "ERROR: Sorry, server is too busy.");
-    close(fd);
-    return -1;
-}
-
-static void close_client(struct client_s* client)
-{
-    close(client->sock);
-    client->sock = -1;
-    client->in_len = 0;
-    client->in_discard = 0;
-    client->in_eof = 0;
-    client_drop_output(client);
+    MTRACE(3, "handle_new_connection(): Connection accepted: FD=%d; Slot=%d", fd, client->idx);
+    client->sock = fd;
+    int bstate = 0, level = 0;
+    vela_batt_state_get(&bstate, &level);
+    vela_send_battery_event(client, bstate);
+    if (bstate != BATT_STATE_CHARGING_USB)
+        vela_send_battery_level_event(client, level);
+    return 0;
 }
 
 static void lose_client(struct client_s* client)
@@ -271,8 +300,8 @@ static void run_request(struct client_s* client, char* command, int well_formed)
 
 int client_has_request(const struct client_s* client)
 {
-    if (client->sock < 0)
-        return 0;
+    if (client->sock < 0 || client->out_full)
+        return 0; /* a client being dropped is served no more */
     if (client->in_eof)
         return 1; /* if only to close it */
     /* a whole line, or the start of one too long to wait for its end */
@@ -364,7 +393,8 @@ void build_select_list(void)
     watch(state.fdautoinfotimer, &socks);
     for (int i = 0; i < REMOTE_CLIENTS; i++) {
         struct client_s* client = remote_client(i);
-        watch(client->sock, &socks);
+        if (!client->out_full)
+            watch(client->sock, &socks);
         if (client->out_len > 0)
             watch(client->sock, &writefds);
     }
@@ -392,21 +422,32 @@ static void serve_clients(void)
     }
     for (int i = 0; i < REMOTE_CLIENTS; i++) {
         struct client_s* client = remote_client(i);
-        if (ready(client->sock, &socks) || client_has_request(client))
+        if (!client->out_full && (ready(client->sock, &socks) || client_has_request(client)))
             deal_with_data(client);
     }
 }
 
 /* A client whose unread replies outgrew its queue is dropped: better than
- * a reply with a hole in it. Also for output added by timers and events. */
+ * a reply with a hole in it. Also for output added by timers and events.
+ * What it started is aborted at once, as for a lost connection; the line
+ * its socket has begun is finished first, so that it never reads a cut
+ * line. Until then it keeps its slot, but only while no new client needs
+ * one: a client that never reads again holds nobody up. */
 static void drop_overflowed_clients(void)
 {
     for (int i = 0; i < REMOTE_CLIENTS; i++) {
         struct client_s* client = remote_client(i);
-        if (client->sock >= 0 && client->out_full) {
-            MTRACE(3, "read_socks(): slot %d left more than %d bytes of replies unread", i, REMOTE_OUT_MAX);
-            lose_client(client);
+        if (client->sock < 0 || !client->out_full)
+            continue;
+        if (!client->dropping) {
+            MTRACE(3, "read_socks(): slot %d left more than %d bytes of replies unread: dropped once its last line is out",
+                   i, REMOTE_OUT_MAX);
+            client->dropping = 1;
+            client_keep_started_line(client);
+            do_abort(client, -1);
         }
+        if (client->out_len == 0)
+            close_dropped(client);
     }
 }
 

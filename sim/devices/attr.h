@@ -28,6 +28,7 @@ public:
     int64_t write(OpenFile& of, const void* buf, size_t n) override;
     short poll(OpenFile& of) override;
     int64_t size() override { return 4096; }
+    bool passive() const override { return true; }
 
 protected:
     Board& board_;

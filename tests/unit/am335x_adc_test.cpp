@@ -100,15 +100,6 @@ TEST_F(Adc, ReadAllFillsTheTableAndCarriesAFailedChannelOver)
     EXPECT_NEAR(3.3f, all.val[7], 0.01f);
 }
 
-TEST(BatteryTemp, TenKiloOhmIsTwentyFiveDegrees)
-{
-    const double rp = 11900.0 * 10000.0 / 21900.0;
-    const float vref = 3.3f;
-    float temp = 0;
-    EXPECT_EQ(0, vela_battery_temp(static_cast<float>(vref * rp / (rp + 5600.0)), vref, &temp));
-    EXPECT_NEAR(25.0f, temp, 0.01f);
-}
-
 /* The simulated NTC and motor terminals must read back as the physics says,
  * or every test built on them would be misled. */
 TEST_F(Adc, BoardVoltagesRoundTripThroughTheConversion)
@@ -118,7 +109,7 @@ TEST_F(Adc, BoardVoltagesRoundTripThroughTheConversion)
         vela_battery_temp(read(0), read(7), &t);
         return t;
     };
-    EXPECT_NEAR(25.0f, temp(), 0.3f);
+    EXPECT_NEAR(25.0f, temp(), 0.3f); /* 10 kOhm */
     sim::set("battery.temp_c", "45");
     EXPECT_NEAR(45.0f, temp(), 0.3f);
     EXPECT_NEAR(3.9f, read(1), 0.01f);

@@ -84,16 +84,6 @@ TEST_F(AppDataTest, CFormsCopyOnlyWhatFitsWithItsTerminator)
     EXPECT_FALSE(GetCommonAppDataFolderProduct(buf, 256, "Orvik", product.c_str(), false));
     EXPECT_TRUE(trace_has("GetCommonAppDataFolderProduct(): folder name too long (256 <= 256)"));
     EXPECT_EQ('!', buf[0]);
-
-    ASSERT_TRUE(GetCacheDataFolderProduct(buf, 256, "Orvik", "vela", false));
-    std::string cache = buf;
-    EXPECT_TRUE(cache == "/var/cache//Orvik/vela/" || cache == "/var/tmp//Orvik/vela/") << cache;
-    EXPECT_FALSE(GetCacheDataFolderProduct(buf, 8, "Orvik", "vela", false));
-    EXPECT_TRUE(trace_has("GetCacheDataFolderProduct(): folder name too long (8 <= "));
-    EXPECT_FALSE(GetCacheDataFolderProduct(buf, 256, "", "vela", false));
-    EXPECT_TRUE(trace_has("GetCacheDataFolderProduct(): company name is empty"));
-    EXPECT_FALSE(GetCacheDataFolderProduct(buf, 256, "Orvik", nullptr, false));
-    EXPECT_TRUE(trace_has("GetCacheDataFolderProduct(): product name is empty"));
 }
 
 TEST_F(AppDataTest, DirectoryCreationWalksAbsolutePathsOnly)

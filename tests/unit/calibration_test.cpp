@@ -126,67 +126,51 @@ protected:
 
 const std::string kOutOfRange = "7 error value out of range\n";
 
-TEST_F(Calibration, StoredCalibrationIsCheckedAndWrittenToTheConfiguration)
+/* Limits, phase and speed are the session's; the calibration (and only it)
+ * goes to the configuration. A refused value keeps the last good one. */
+TEST_F(Calibration, SettersCheckTheirRangeAndOnlyTheCalibrationIsSaved)
 {
-    EXPECT_EQ("", set(cb_x_corr_set, "1.05"));
-    EXPECT_EQ("1.050000000", get(cb_x_corr_get));
-    EXPECT_DOUBLE_EQ(1.05, ini_double("motor", "x_corr"));
-    EXPECT_EQ(1, state.ini_changed);
-    EXPECT_EQ("", set(cb_x_corr_set, "0.7"));
-    EXPECT_EQ("", set(cb_x_corr_set, "1.3"));
-    EXPECT_EQ(kOutOfRange, set(cb_x_corr_set, "1.31"));
-    EXPECT_EQ(kOutOfRange, set(cb_x_corr_set, "abc"));
-    EXPECT_EQ(kOutOfRange, set(cb_x_corr_set, "nan"));
-    EXPECT_EQ("1.300000000", get(cb_x_corr_get));
-
-    state.ini_changed = 0;
-    EXPECT_EQ("", set(cb_w_offset_set, "65535"));
-    EXPECT_EQ("65535", get(cb_w_offset_get));
-    EXPECT_EQ(65535, ini_long("channel", "w_offset"));
-    EXPECT_EQ(1, state.ini_changed);
-    EXPECT_EQ(kOutOfRange, set(cb_w_offset_set, "65536"));
-    EXPECT_EQ(kOutOfRange, set(cb_w_offset_set, "-1"));
-    EXPECT_EQ(kOutOfRange, set(cb_w_offset_set, "0x100"));
-    EXPECT_EQ("65535", get(cb_w_offset_get));
-
-    /* A zero scale is accepted. */
-    EXPECT_EQ("", set(cb_w_scale_set, "0.00001"));
-    EXPECT_EQ("0.000010000", get(cb_w_scale_get));
-    EXPECT_DOUBLE_EQ(0.00001, ini_double("channel", "w_scale"));
-    EXPECT_EQ("", set(cb_w_scale_set, "0"));
-    EXPECT_EQ(kOutOfRange, set(cb_w_scale_set, "1.5"));
-    EXPECT_EQ(kOutOfRange, set(cb_w_scale_set, "-0.1"));
-    EXPECT_EQ("0.000000000", get(cb_w_scale_get));
-}
-
-TEST_F(Calibration, LimitsPhaseAndSpeedAreKeptOutOfTheConfiguration)
-{
-    EXPECT_EQ("", set(cb_w_ov_max_set, "70000"));
-    EXPECT_EQ("65535", get(cb_w_ov_max_get));
-    EXPECT_EQ("", set(cb_w_ov_max_set, "1000"));
-    EXPECT_EQ(kOutOfRange, set(cb_w_ov_max_set, "-1"));
+    using Set = int (*)(client_s*, const char*);
+    const struct {
+        Set cb;
+        const char* value;
+        bool ok;
+    } session[] = {
+        {cb_w_ov_max_set, "70000", true}, {cb_w_ov_max_set, "1000", true},  {cb_w_ov_max_set, "-1", false},
+        {cb_w_ov_min_set, "0", true},     {cb_w_ov_min_set, "65535", true}, {cb_w_ov_min_set, "65536", false},
+        {cb_w_ov_min_set, "-5", false},   {cb_phase_set, "31", true},       {cb_phase_set, "32", false},
+        {cb_phase_set, "-1", false},      {cb_speed_set, "0.09", false},    {cb_speed_set, "1.01", false},
+        {cb_speed_set, "0.25", true},
+    }, stored[] = {
+        {cb_x_corr_set, "0.7", true},     {cb_x_corr_set, "1.3", true},      {cb_x_corr_set, "1.31", false},
+        {cb_x_corr_set, "abc", false},    {cb_x_corr_set, "nan", false},     {cb_w_offset_set, "65535", true},
+        {cb_w_offset_set, "65536", false}, {cb_w_offset_set, "-1", false},   {cb_w_offset_set, "0x100", false},
+        {cb_w_scale_set, "0.00001", true}, {cb_w_scale_set, "1.5", false},   {cb_w_scale_set, "-0.1", false},
+    };
+    for (const auto& r : session)
+        EXPECT_EQ(r.ok ? "" : kOutOfRange, set(r.cb, r.value)) << r.value;
     EXPECT_EQ("1000", get(cb_w_ov_max_get));
-
-    EXPECT_EQ("", set(cb_w_ov_min_set, "0"));
-    EXPECT_EQ("", set(cb_w_ov_min_set, "65535"));
-    EXPECT_EQ(kOutOfRange, set(cb_w_ov_min_set, "65536"));
-    EXPECT_EQ(kOutOfRange, set(cb_w_ov_min_set, "-5"));
     EXPECT_EQ("65535", get(cb_w_ov_min_get));
-
-    EXPECT_EQ("", set(cb_phase_set, "31"));
-    EXPECT_EQ(kOutOfRange, set(cb_phase_set, "32"));
-    EXPECT_EQ(kOutOfRange, set(cb_phase_set, "-1"));
     EXPECT_EQ("31", get(cb_phase_get));
-
-    EXPECT_EQ("", set(cb_speed_set, "0.25"));
     EXPECT_EQ("0.25", get(cb_speed_get));
-    EXPECT_EQ(kOutOfRange, set(cb_speed_set, "0.09"));
-    EXPECT_EQ(kOutOfRange, set(cb_speed_set, "1.01"));
     EXPECT_EQ("", set(cb_speed_set, "1.0"));
     EXPECT_EQ("1.00", get(cb_speed_get));
-
+    EXPECT_EQ("", set(cb_w_ov_max_set, "70000"));
+    EXPECT_EQ("65535", get(cb_w_ov_max_get));
     EXPECT_EQ(0, state.ini_changed);
     EXPECT_FALSE(MIniData_DoesEntryExist(state.h_ini, "channel", "w_ov_max"));
+
+    for (const auto& r : stored)
+        EXPECT_EQ(r.ok ? "" : kOutOfRange, set(r.cb, r.value)) << r.value;
+    EXPECT_EQ(1, state.ini_changed);
+    EXPECT_EQ("1.300000000", get(cb_x_corr_get));
+    EXPECT_DOUBLE_EQ(1.3, ini_double("motor", "x_corr"));
+    EXPECT_EQ("65535", get(cb_w_offset_get));
+    EXPECT_EQ(65535, ini_long("channel", "w_offset"));
+    EXPECT_EQ("0.000010000", get(cb_w_scale_get));
+    EXPECT_DOUBLE_EQ(0.00001, ini_double("channel", "w_scale"));
+    EXPECT_EQ("", set(cb_w_scale_set, "0")); /* a zero scale is accepted */
+    EXPECT_EQ("0.000000000", get(cb_w_scale_get));
 }
 
 TEST_F(Calibration, LiveReadingsNeedTheMeasState)

@@ -1,17 +1,11 @@
 /* The event and touch monitors on the simulated input devices. They read
  * until a read fails, so each test queues its events and then ends the
- * device (unplugged, a fault, or a signal into the blocked read). */
+ * device (unplugged, or a fault). */
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
-#include <cerrno>
-#include <csignal>
-#include <pthread.h>
 #include <sstream>
-#include <thread>
 
-#include "guard.h"
 #include "simtest.h"
 #include "testmodes.h"
 
@@ -100,37 +94,20 @@ TEST_F(Monitors, MonitorsEndOnReadErrorsAndMissingDevices)
     }
 }
 
-void no_op(int) {}
-
 TEST_F(Monitors, EventMonitorNamesScanValues)
 {
     for (const char* c : {"button press", "pmic 0x201", "pmic 0x300", "pmic 0x999", "button release"})
         ASSERT_EQ("ok\n", sim::control(c)) << c;
-    /* Once everything is read, a signal interrupts the blocked read. */
-    struct sigaction sa = {}, old = {};
-    sa.sa_handler = no_op;
-    ASSERT_EQ(0, sigaction(SIGUSR1, &sa, &old));
-    std::atomic<bool> done{false};
-    pthread_t monitor = pthread_self();
-    std::thread kicker([&] {
-        sim::Guard g; /* its own sleeps stay off the board */
-        while (!done) {
-            if (sim::get("button.pending") == "0")
-                pthread_kill(monitor, SIGUSR1);
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
-    });
+    /* The read after the last queued event fails. */
+    ASSERT_EQ("ok\n", sim::control("fault /dev/input/by-path/platform-44e0b000.i2c-event read EIO after 12"));
     CaptureStdout();
     CaptureStderr();
-    int res = do_eventmonitor();
-    done = true;
-    kicker.join();
-    sigaction(SIGUSR1, &old, nullptr);
-    EXPECT_EQ(-1, res);
-    EXPECT_EQ("read: Interrupted system call\n", GetCapturedStderr());
+    EXPECT_EQ(-1, do_eventmonitor());
+    EXPECT_EQ("read: Input/output error\n", GetCapturedStderr());
     const std::vector<std::string> want = {"START pressed", "Cradle power connected", "USB power disconnected",
                                            "unknown", "START released"};
     EXPECT_EQ(want, untimed(GetCapturedStdout()));
+    EXPECT_EQ("0", sim::get("button.pending"));
 }
 
 } // namespace

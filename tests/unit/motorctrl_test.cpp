@@ -65,17 +65,6 @@ TEST_F(MotorDac, ShortWritesAndBusFailuresAreNotRetried)
     EXPECT_EQ(1u, vt::entries("i2c").size());
 }
 
-/* Codes past 12 bits and switch values other than 0 and 1 are the command
- * line's cases. */
-TEST_F(MotorDac, MotorPowerSwitchesItsLine)
-{
-    EXPECT_EQ(0, vela_motor_power_ctrl(1));
-    EXPECT_EQ("1", sim::get("motor.power"));
-    EXPECT_EQ(0, vela_motor_power_ctrl(0));
-    EXPECT_THAT(vt::entries("motor_power"), ElementsAre("/sys/class/gpio/motor_power/value write 1",
-                                                        "/sys/class/gpio/motor_power/value write 0"));
-}
-
 class EndSwitch : public vt::SimTest {
 protected:
     void TearDown() override { vela_motor_vganf_close(); }

@@ -2,7 +2,6 @@
 
 #include <cstring>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "mtrace.h"
@@ -96,27 +95,6 @@ TEST_F(MTraceTest, ErrorTraceIsPendingUntilDumpedOrDropped)
     EXPECT_LE(MErrTrace_GetCount(), 64u);
     MErrTrace_GetLine(MErrTrace_GetCount() - 1, buf, sizeof buf);
     EXPECT_NE(nullptr, strstr(buf, "flood 999"));
-}
-
-TEST_F(MTraceTest, ThreadsWriteWholeLinesAndKeepTheirOwnErrorTrace)
-{
-    CaptureStderr();
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; t++) {
-        threads.emplace_back([t] {
-            for (int i = 0; i < 200; i++)
-                MTRACE(2, "thread %d line %d end", t, i);
-            MERRTRACE("own %d", t);
-            EXPECT_EQ(1u, MErrTrace_GetCount());
-        });
-    }
-    for (std::thread& th : threads)
-        th.join();
-    std::vector<std::string> lines = lines_of(GetCapturedStderr());
-    ASSERT_EQ(800u, lines.size());
-    for (const std::string& l : lines)
-        EXPECT_EQ("end", l.substr(l.size() - 3));
-    EXPECT_EQ(0u, MErrTrace_GetCount());
 }
 
 } // namespace

@@ -191,8 +191,10 @@ TEST_F(Pstate, ValuesOutsideTheStatesAndTheirNamesAreRefused)
 TEST_F(Pstate, OffSavesTheCountersAndHalts)
 {
     EXPECT_EQ(0, set("eco"));
+    sim::journal_clear();
     EXPECT_EQ(0, set("off"));
     EXPECT_EQ(1, pstate());
+    EXPECT_THAT(vt::entries("cpufreq"), IsEmpty()); /* straight from eco: ready would raise the clock */
     EXPECT_THAT(vt::entries("system \""), ElementsAre("system \"halt -p\" 0"));
     /* Back from off (only in the simulation) through ready. */
     EXPECT_EQ(0, set("eco"));
