@@ -29,7 +29,8 @@ protected:
         std::vector<std::string> lines;
         std::string line;
         for (int i = 0; i <= max_steps; i++) {
-            while (client.read_line(&line, 100)) {
+            server.settle();
+            while (client.read_line(&line, 0)) {
                 lines.push_back(line);
                 if (vt::is_ready_line(line, id))
                     return lines;
@@ -81,7 +82,8 @@ TEST_F(Measure, MoveHomeAutoinfoAndAbort)
     std::vector<std::string> reports;
     for (int i = 0; i < 3; i++) {
         server.advance("100ms"); /* one report per expiry the loop sees */
-        while (client.read_line(&line, 200))
+        server.settle();
+        while (client.read_line(&line, 0))
             reports.push_back(line);
     }
     EXPECT_EQ(3u, reports.size());
