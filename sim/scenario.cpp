@@ -48,6 +48,14 @@ std::string Board::apply_scenario(const std::string& text)
         if (!err.empty())
             return where + err;
     }
+    /* Over the scenario's choice: runs every test, also those that pick the
+     * model for speed, on the simulated cores (or the other way round). */
+    const char* engine = getenv("VELASIM_PRU_ENGINE");
+    if (engine != nullptr && *engine != '\0') {
+        std::string err = params_.set("pru.engine", engine);
+        if (!err.empty())
+            return "VELASIM_PRU_ENGINE: " + err;
+    }
     return {};
 }
 
