@@ -183,7 +183,9 @@ protected:
         std::string line;
         int reports = 0, abort_id = 0, readies = 0;
         int wanted = command.rfind("autoinfo", 0) == 0 ? 2 : 1;
-        while (readies < wanted && client.read_line(&line, 5000)) {
+        /* A deadline for a hang, not a pace: the cores under the sanitizer
+         * take a minute for a 15 s end-switch time-out. */
+        while (readies < wanted && client.read_line(&line, 90000)) {
             if (vt::is_ready_line(line, id) || (abort_id && vt::is_ready_line(line, abort_id))) {
                 readies++;
                 continue;

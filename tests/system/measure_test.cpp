@@ -140,7 +140,7 @@ TEST(MeasureScans, EverySpeedDeliversExactlyItsSamples)
         std::vector<std::string> set = client.request(id, std::string("set speed=") + row.speed);
         ASSERT_EQ(std::to_string(id++) + " ack", set.end()[-2]) << what;
         std::string scan_id = std::to_string(id);
-        std::vector<std::string> lines = client.request(id++, std::string("scan ") + row.scan, 30000);
+        std::vector<std::string> lines = client.request(id++, std::string("scan ") + row.scan, 240000);
         size_t samples = 0;
         std::vector<std::string> others;
         for (const std::string& l : lines) {
