@@ -240,6 +240,11 @@ TEST_F(Board, TheDriveMovesInBoardTimeAndTheEndSwitchFollowsAtOnce)
     EXPECT_EQ("1", sim::get("drive.at_home"));
     EXPECT_EQ(POLLPRI | POLLERR, pending(fd)); /* and arrived */
     close(fd);
+    sim::set("drive.position_mm", "19.95");
+    sim::set("motor.dac", std::to_string(2082 + 890)); /* into the far end of the travel */
+    sim::advance_clock(100 * 1000000);
+    EXPECT_EQ("20", sim::get("drive.position_mm"));
+    EXPECT_EQ(0.0, std::stod(sim::get("drive.velocity_mm_s"))); /* it stands there */
 }
 
 /* A model reports each change of a line as it happens: a pulse that is over
