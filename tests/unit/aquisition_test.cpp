@@ -44,12 +44,9 @@ protected:
     }
 
     /* The firmware ends a counted acquisition by itself. */
-    bool wait_idle(int timeout_ms = 20000)
+    bool wait_idle()
     {
-        long long deadline = vt::now_ms() + timeout_ms;
-        while (info.comm->out_state != 0 && vt::now_ms() < deadline)
-            usleep(10000);
-        return info.comm->out_state == 0;
+        return vt::eventually([this] { return info.comm->out_state == 0; });
     }
 
     pruss_info_s info = {};

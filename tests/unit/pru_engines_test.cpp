@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "aquisition.h"
+#include "process.h"
 #include "prussdrv.h"
 #include "sim.h"
 #include "simtest.h"
@@ -62,8 +63,9 @@ protected:
     {
         boot(engine, r.dac);
         EXPECT_EQ(0, aquisition_start(&info, r.samples, r.sps, r.ov_min, r.ov_max, r.filter, r.ovs, r.skip, 1));
-        for (int i = 0; i < 4000 && info.comm->out_state != 0; i++)
-            usleep(100000);
+        /* A deadline for a hang: the 17.5 mm scan takes a while on the
+         * cores under the emulator. */
+        EXPECT_TRUE(vt::eventually([this] { return info.comm->out_state == 0; }, 240000)) << r.name;
         Seen s = seen(static_cast<uint32_t>(r.samples));
         aquisition_shutdown(&info);
         return s;
