@@ -43,14 +43,6 @@ bool same(double a, double b)
     return (std::isnan(a) && std::isnan(b)) || memcmp(&a, &b, sizeof a) == 0;
 }
 
-void check_ranges(const state_s& s)
-{
-    /* x_corr: 0.7..1.3 when the file has one, else untouched */
-    fz::check(s.x_corr == 0.0 || (s.x_corr >= 0.7 && s.x_corr <= 1.3),
-          "x_corr outside 0.7..1.3: " + std::to_string(s.x_corr));
-    fz::check(s.suspend_interval_time >= 10, "suspend_interval_time below 10: " + std::to_string(s.suspend_interval_time));
-}
-
 void check_same(const state_s& a, const state_s& b)
 {
     fz::check(same(a.x_corr, b.x_corr), "x_corr differs on the next start");
@@ -88,7 +80,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     fz::write_file(path, text);
 
     const state_s first = start();
-    check_ranges(first);
     std::string saved;
     fz::check(fz::read_file(path, &saved), "no configuration file after start-up");
     MIniData doc(MINIDATA_FLAG_FSYNC | MINIDATA_FLAG_ATOMIC_SAVE);

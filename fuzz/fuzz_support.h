@@ -6,7 +6,6 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -75,12 +74,6 @@ inline bool read_file(const std::string& path, std::string* text)
         text->append(buf, n);
     fclose(f);
     return true;
-}
-
-inline bool exists(const std::string& path)
-{
-    struct stat st;
-    return stat(path.c_str(), &st) == 0;
 }
 
 /* Descriptors are handed out lowest first: if the lowest free one has moved

@@ -60,12 +60,6 @@ int cb_error(struct client_s* client, int argc, char** argv)
     return -1;
 }
 
-int cb_warn(struct client_s* client, int argc, char** argv)
-{
-    remote_warn(client, first_argument(argc, argv));
-    return 0;
-}
-
 /* A deferred operation that completes at once. */
 int cb_later(struct client_s* client, int argc, char** argv)
 {
@@ -85,10 +79,8 @@ int cb_event(struct client_s* client, int argc, char** argv)
 
 /* What the server links against instead of its own command table. */
 const struct command_s commands[] = {
-    {"capabilities", cb_capabilities},
     {"echo", cb_echo},
     {"error", cb_error},
-    {"warn", cb_warn},
     {"later", cb_later},
     {"event", cb_event},
     {NULL, NULL},
@@ -119,8 +111,8 @@ constexpr size_t kLineMax = REMOTE_LINE_MAX - 1; /* characters of a request */
 constexpr size_t kWordsMax = REMOTE_WORDS_MAX;
 
 struct Expect {
-    enum Kind { LINE, READY, DATA_ANY } kind;
-    std::string text; /* LINE: the line; READY, DATA_ANY: "<id> " */
+    enum Kind { LINE, READY } kind;
+    std::string text; /* LINE: the line; READY: "<id> " */
 };
 
 /* Spaces outside double quotes end words; quotes stay. */
@@ -187,22 +179,13 @@ struct Model {
         const std::string arg = w.size() > 1 ? w[1] : "";
         bool ready = true;
         const std::string cmd = w.empty() ? std::string("\x01") : w[0];
-        if (cmd == "capabilities") {
-            if (w.size() > 2)
-                line_out(bounded(sid + " error syntax invalid\n"));
-            else if (w.size() == 2)
-                line_out(bounded(sid + " error axis parameter not supported\n"));
-            else
-                client.push_back({Expect::DATA_ANY, sid + " data "});
-        } else if (cmd == "echo") {
+        if (cmd == "echo") {
             std::string e = sid + " data echo " + std::to_string(w.size());
             for (const std::string& word : w)
                 e += " " + std::to_string(word.size()) + ":" + word;
             line_out(e + "\n");
         } else if (cmd == "error") {
             line_out(bounded(sid + " error " + arg + "\n"));
-        } else if (cmd == "warn") {
-            line_out(bounded(sid + " warning " + arg + "\n"));
         } else if (cmd == "later") {
             line_out(bounded(sid + " error " + arg + "\n"));
             line_out(sid + " ready\n");
@@ -299,11 +282,6 @@ void compare(const std::vector<Expect>& expected, const std::string& out)
     const std::vector<std::string> got = lines_of(out);
     size_t g = 0;
     for (const Expect& e : expected) {
-        if (e.kind == Expect::DATA_ANY) {
-            while (g < got.size() && got[g].compare(0, e.text.size(), e.text) == 0)
-                g++;
-            continue;
-        }
         if (g >= got.size())
             fail("missing reply", e.text);
         bool ok = e.kind == Expect::LINE ? got[g] == e.text : is_ready_line(got[g], e.text);
