@@ -78,19 +78,6 @@ class EndToEndTest(unittest.TestCase):
         self.assertEqual((ev.cutoff_mm, ev.sampling_lengths), (0.8, 5))
         self.assertAlmostEqual(ev.parameters["Ra"], RA, delta=TOLERANCE * RA)
         self.assertAlmostEqual(ev.parameters["Rq"], RQ, delta=TOLERANCE * RQ)
-        # The standard's period, from the roughness profile's zero crossings.
-        r = ev.roughness_um[ev.evaluated]
-        rising = np.flatnonzero((r[:-1] < 0) & (r[1:] >= 0))
-        period = np.median(np.diff(rising)) * 0.0005
-        self.assertAlmostEqual(period, PERIOD_MM, delta=0.02 * PERIOD_MM)
-        # A PNG picture of it.
-        from matplotlib.image import imread
-        from velaclient.plot import plot_evaluation
-        png_path = os.path.join(self.tmp.name, "lib.png")
-        plot_evaluation(ev, png_path)
-        image = imread(png_path)
-        self.assertEqual(image.shape[:2], (600, 1000))
-        self.assertGreater(len(np.unique(image.reshape(-1, image.shape[2]), axis=0)), 10)
 
     def path(self, name):
         return os.path.join(self.tmp.name, name)
@@ -237,7 +224,9 @@ class PowerStateTest(unittest.TestCase):
             proc.stdin.flush()
         out, err = proc.communicate(timeout=60)
         self.assertEqual(proc.returncode, 0, err)
+        # The board's probe: 39830 at height 0, 8.18591e-6 mm per digit.
         self.assertIn("calibrated: w_offset 398", out)
+        self.assertIn("w_scale 0.000008186 mm/digit", out)
 
 
 if __name__ == "__main__":
