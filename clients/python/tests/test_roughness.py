@@ -47,14 +47,6 @@ class SineTest(unittest.TestCase):
                     mean = gaussian_mean_line(np.sin(2 * np.pi * x / wavelength), dx, cutoff)
                     self.assertAlmostEqual(np.max(np.abs(mean[inner])), transmission, delta=2e-3)
 
-    def test_inclined_line_has_no_roughness(self):
-        x = positions(4.8)
-        ev = evaluate(x, 3.0 * x - 7.0)
-        for name in ("Ra", "Rq", "Rz", "Rt", "Rp", "Rv"):
-            self.assertLess(abs(ev.parameters[name]), 1e-9, name)
-        self.assertTrue(math.isnan(ev.parameters["Rsk"]))
-        np.testing.assert_allclose(ev.form_um, 3.0 * x - 7.0, atol=1e-9)
-
 
 class ConventionTest(unittest.TestCase):
     def test_both_conventions_on_a_skewed_random_profile(self):
