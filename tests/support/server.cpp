@@ -1,5 +1,6 @@
 #include "server.h"
 
+#include "base64.h"
 #include "boardctl.h"
 #include "emulator.h"
 #include "free_port.h"
@@ -42,10 +43,26 @@ ServerUnderTest::~ServerUnderTest()
 
 /* Output goes to files, so that a chatty server never blocks on a full
  * pipe that nobody reads. */
-bool ServerUnderTest::start(const std::vector<std::string>& args, int port)
+bool ServerUnderTest::start()
 {
-    if (!launch(args, port))
+    port_ = free_port();
+    std::vector<std::string> argv = {VELATOOL_PATH, "-r", std::to_string(port_)};
+    bool fresh = !carry_on_ || !launched_;
+    launched_ = true;
+    std::string cmd = "exec";
+    for (const std::string& word : emulated(under_board(board_, argv, fresh ? tmp_.file("scenario.ini") : "", clock_)))
+        cmd += " " + shell_quote(word);
+    cmd += " > /dev/null 2> " + shell_quote(tmp_.file("err"));
+    std::string env = "ORVIK_CONFIGPATH=" + (config_root_.empty() ? config_dir() : config_root_);
+    pid_t pid = fork();
+    if (pid < 0)
         return false;
+    if (pid == 0) {
+        putenv(env.data());
+        execl("/bin/sh", "sh", "-c", cmd.c_str(), static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    pid_ = pid;
     LineClient probe;
     long long deadline = now_ms() + 20000;
     while (now_ms() < deadline) {
@@ -59,31 +76,6 @@ bool ServerUnderTest::start(const std::vector<std::string>& args, int port)
         }
     }
     return false;
-}
-
-bool ServerUnderTest::launch(const std::vector<std::string>& args, int port)
-{
-    port_ = port != 0 ? port : free_port();
-    std::vector<std::string> argv = {VELATOOL_PATH};
-    argv.insert(argv.end(), args.begin(), args.end());
-    argv.insert(argv.end(), {"-r", std::to_string(port_)});
-    bool fresh = !carry_on_ || !launched_;
-    launched_ = true;
-    std::string cmd = "exec";
-    for (const std::string& word : emulated(under_board(board_, argv, fresh ? tmp_.file("scenario.ini") : "", clock_)))
-        cmd += " " + shell_quote(word);
-    cmd += " > " + shell_quote(tmp_.file("out")) + " 2> " + shell_quote(tmp_.file("err"));
-    std::string env = "ORVIK_CONFIGPATH=" + (config_root_.empty() ? config_dir() : config_root_);
-    pid_t pid = fork();
-    if (pid < 0)
-        return false;
-    if (pid == 0) {
-        putenv(env.data());
-        execl("/bin/sh", "sh", "-c", cmd.c_str(), static_cast<char*>(nullptr));
-        _exit(127);
-    }
-    pid_ = pid;
-    return true;
 }
 
 bool ServerUnderTest::running()
@@ -117,11 +109,6 @@ int ServerUnderTest::stop()
         }
     }
     return status_;
-}
-
-std::string ServerUnderTest::out() const
-{
-    return read_file(tmp_.file("out"));
 }
 
 std::string ServerUnderTest::err() const
@@ -277,23 +264,8 @@ bool is_reply_line(const std::string& line)
 
 std::vector<uint16_t> decode_samples(const std::string& text)
 {
-    static const std::string alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
     std::string bytes;
-    uint32_t acc = 0;
-    int bits = 0;
-    for (char c : text) {
-        if (c == '=')
-            break;
-        size_t v = alphabet.find(c);
-        if (v == std::string::npos)
-            continue;
-        acc = (acc << 6) | static_cast<uint32_t>(v);
-        bits += 6;
-        if (bits >= 8) {
-            bits -= 8;
-            bytes += static_cast<char>((acc >> bits) & 0xff);
-        }
-    }
+    MBase64_Decode(text.data(), text.size(), &bytes);
     std::vector<uint16_t> samples;
     for (size_t i = 0; i + 1 < bytes.size(); i += 2)
         samples.push_back(static_cast<uint16_t>(static_cast<uint8_t>(bytes[i]) | static_cast<uint8_t>(bytes[i + 1]) << 8));

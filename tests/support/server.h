@@ -23,12 +23,9 @@ public:
     ServerUnderTest(const ServerUnderTest&) = delete;
     ServerUnderTest& operator=(const ServerUnderTest&) = delete;
 
-    /* Starts velatool ARGS -r PORT (a free port unless given) and waits
-     * until it accepts connections; false if it ended or did not listen in
-     * time. */
-    bool start(const std::vector<std::string>& args = {}, int port = 0);
-    /* Only starts it. */
-    bool launch(const std::vector<std::string>& args = {}, int port = 0);
+    /* Starts velatool -r on a free port and waits until it accepts
+     * connections; false if it ended or did not listen in time. */
+    bool start();
     /* Ends the server (SIGTERM, then SIGKILL) and returns its exit status. */
     int stop();
     /* Waits for the server to end by itself; its status, or -1. */
@@ -38,8 +35,7 @@ public:
     int port() const { return port_; }
     const std::string& dir() const { return board_; }
     std::string config_dir() const { return tmp_.file("config"); }
-    /* What the server printed. */
-    std::string out() const;
+    /* What the server printed on its standard error. */
     std::string err() const;
 
     /* Later launches carry on with the board as the last run left it (its

@@ -31,52 +31,34 @@ bool await_output(vt::ChildProcess& child, const std::string& needle, size_t n =
     });
 }
 
+/* What the acquisition prints is the unit suite's; here the action's exit
+ * status and the sample file. */
 TEST(Aquisition, CountedAcquisitionWritesTheSampleFile)
 {
     vt::SimBoard board(std::string(kMeasuring) + "[pru]\nextram_size = 8192\n");
     std::string file = board.dir() + "/samples.txt";
     vt::ProcessResult r = board.velatool({"-A", "0", "-f", file});
     EXPECT_EQ(0, r.status); /* the histogram width is no failure */
-    EXPECT_EQ(0u, r.out.find("Aquiring data:\naquisition: count: "));
-    EXPECT_THAT(r.out, HasSubstr("\ndone: error=0\ncommunication structure:\n"));
-    EXPECT_THAT(r.out, HasSubstr("\nHistogram width: "));
-    EXPECT_EQ(std::string::npos, r.out.find("Failed."));
     EXPECT_EQ(4096u, vt::count_of(vt::read_file(file), "\n"));
-    EXPECT_THAT(vt::grep(board.journal(), "pruss"),
-                ElementsAre("pruss pru0 start 0x0724", "pruss pru1 start 0x0220", "pruss raise 21",
-                            "pruss acquire count=4096 interval=1562 ovs=6 filter=1 mode=9 skip=0 min=0 max=65535",
-                            "pruss done count=4096 error=0", "pruss pru0 stop", "pruss pru1 stop",
-                            "pruss SYSCFG 0x0000001a"));
 
     r = board.velatool({"-A", "2", "-f", "/nonexistent/samples.txt"});
     EXPECT_EQ(255, r.status);
     EXPECT_THAT(r.out, HasSubstr("\nFailed.\n"));
-    EXPECT_EQ("ERROR: writing to file failed\n", r.err.substr(r.err.find("ERROR: ")));
 }
 
-/* Without a sample limit the test acquisition would run for minutes; both
- * pools are cut to 10 s at 2000 samples per second. */
+/* Without a sample limit the test acquisition would run for minutes: the
+ * pool is cut to 10 s at 2000 samples per second. */
 TEST(Aquisition, ModeZeroIsCutToTenSeconds)
 {
-    const struct {
-        const char* pool;
-        const char* times;
-    } cases[] = {
-        {"262144", "aquisition time w/o oversampling: 1024 ms\naquisition time with oversampling (x64): 65536 ms\n"},
-        {"4194304", "aquisition time w/o oversampling: 16384 ms\naquisition time with oversampling (x64): 1048576 ms\n"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.pool);
-        vt::SimBoard board(std::string(kMeasuring) + "[pru]\nextram_size = " + c.pool + "\n");
-        vt::ChildProcess child;
-        ASSERT_TRUE(board.start(child, {"-v", "-A", "0"}));
-        ASSERT_TRUE(await_output(child, "wait for firmware job done"));
-        EXPECT_THAT(child.out(), HasSubstr(std::string(c.times) +
-                                           "reducing samples to: 20000 (max. aqusitiontime is 10000 ms)\n"));
-        EXPECT_THAT(await_entries(board, "acquire", 1), ElementsAre(HasSubstr("acquire count=20000 interval=1562")));
-        child.signal(SIGTERM);
-        child.wait(10000);
-    }
+    vt::SimBoard board(std::string(kMeasuring) + "[pru]\nextram_size = 4194304\n");
+    vt::ChildProcess child;
+    ASSERT_TRUE(board.start(child, {"-v", "-A", "0"}));
+    ASSERT_TRUE(await_output(child, "wait for firmware job done"));
+    EXPECT_THAT(child.out(), HasSubstr("aquisition time with oversampling (x64): 1048576 ms\n"
+                                       "reducing samples to: 20000 (max. aqusitiontime is 10000 ms)\n"));
+    EXPECT_THAT(await_entries(board, "acquire", 1), ElementsAre(HasSubstr("acquire count=20000 interval=1562")));
+    child.signal(SIGTERM);
+    child.wait(10000);
 }
 
 TEST(Aquisition, MonitorRunsUntilASignal)

@@ -3,10 +3,9 @@
  * a short scan, the move home, autoinfo, calibration values, the power
  * states, the backlight. Each row of the table names the fault, the step
  * it hits and what the client must see; after every row the server still
- * answers and has not crashed. The table is printed as it ran. */
+ * answers and has not crashed. */
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <regex>
 #include <sstream>
@@ -227,11 +226,9 @@ protected:
     /* Back to the state a row starts from, without faults. */
     bool settle(const std::string& state)
     {
-        ctl("faults-clear");
-        ctl("set pru.fault none");
-        ctl("set pru.error 0");
-        ctl("set charger.fault none");
-        ctl("set supply.usb_v 0");
+        for (const char* reset : {"faults-clear", "set pru.fault none", "set pru.error 0", "set charger.fault none",
+                                  "set supply.usb_v 0"})
+            ctl(reset);
         exchange("abort");
         exchange("set pstate=ready");
         /* the power handler's polls see the supply gone */
@@ -265,8 +262,6 @@ TEST_F(FaultCampaign, TheServerServesOnThroughEveryFault)
     if (engine == nullptr || std::string(engine) != "firmware")
         GTEST_SKIP() << "under the emulator on the simulated cores only";
 #endif
-    int crashes = 0;
-    printf("%-88s | %-6s | %-28s | %s\n", "fault", "state", "step", "the client saw");
     for (const Row& row : kTable) {
         ASSERT_TRUE(settle(row.state)) << row.fault;
         for (const std::string& c : split(row.fault, ';'))
@@ -278,19 +273,11 @@ TEST_F(FaultCampaign, TheServerServesOnThroughEveryFault)
             first = false;
         }
         ctl("faults-clear");
-        bool alive = server.running();
-        std::string health = alive ? exchange("get pstate") : "";
-        std::string shown = seen.size() > 120 ? seen.substr(0, 117) + "..." : seen;
-        printf("%-88s | %-6s | %-28s | %s\n", row.fault, row.state, row.step, shown.c_str());
-        EXPECT_TRUE(alive) << row.fault << " crashed the server: " << server.err();
+        ASSERT_TRUE(server.running()) << row.fault << " crashed the server: " << server.err();
+        std::string health = exchange("get pstate");
         EXPECT_TRUE(std::regex_match(health, std::regex("data [1-5]"))) << row.fault << ": " << health;
         EXPECT_TRUE(std::regex_match(seen, std::regex(row.expect))) << row.fault << " / " << row.step << ": " << seen;
-        if (!alive) {
-            crashes++;
-            ASSERT_TRUE(power_up());
-        }
     }
-    EXPECT_EQ(0, crashes);
 }
 
 } // namespace

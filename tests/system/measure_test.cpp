@@ -1,6 +1,6 @@
-/* Measuring through the server, as a client sees it: power states, the
- * move home, autoinfo and abort with the board's clock in step mode; scans
- * at every speed with it warping; the drive at the server's start. */
+/* Measuring through the server, as a client sees it: power states with the
+ * board's clock in step mode; scans at every speed with it warping; the
+ * drive at the server's start. */
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -40,15 +40,6 @@ protected:
         return lines;
     }
 
-    /* Into meas: the chain's settling pauses take board time. */
-    void meas(int id)
-    {
-        std::vector<std::string> lines = run(id, "set pstate=meas", "20ms", 100);
-        ASSERT_GE(lines.size(), 2u);
-        EXPECT_EQ(std::to_string(id) + " ack", lines.front());
-        EXPECT_TRUE(vt::is_ready_line(lines.back(), id)) << lines.back();
-    }
-
     vt::ServerUnderTest server;
     vt::LineClient client;
 };
@@ -56,42 +47,15 @@ protected:
 TEST_F(Measure, TheMeasuringChainFollowsThePowerState)
 {
     EXPECT_THAT(client.request(1, "scan x=1"), ElementsAre("1 ack", "1 error invalid pstate", "1 ready 0.000"));
-    meas(2);
+    /* Into meas: the chain's settling pauses take board time. */
+    std::vector<std::string> meas = run(2, "set pstate=meas", "20ms", 100);
+    EXPECT_TRUE(!meas.empty() && vt::is_ready_line(meas.back(), 2));
     EXPECT_THAT(client.request(3, "get pstate"), ElementsAre("3 ack", "3 data 5", "3 ready 0.000"));
     EXPECT_THAT(server.ctl({"get", "meas.power"}).out, "1\n");
     EXPECT_THAT(client.request(4, "set pstate=6"), ElementsAre("4 ack", "4 error value out of range", "4 ready 0.000"));
     std::vector<std::string> ready = run(5, "set pstate=ready", "20ms", 100);
     EXPECT_TRUE(!ready.empty() && vt::is_ready_line(ready.back(), 5));
     EXPECT_THAT(server.ctl({"get", "meas.power"}).out, "0\n");
-}
-
-TEST_F(Measure, MoveHomeAutoinfoAndAbort)
-{
-    meas(1);
-    std::vector<std::string> lines = run(2, "move x=0", "100ms", 40);
-    ASSERT_FALSE(lines.empty());
-    EXPECT_TRUE(vt::is_ready_line(lines.back(), 2)) << lines.back();
-    EXPECT_EQ("1\n", server.ctl({"get", "drive.at_home"}).out) << testing::PrintToString(lines);
-
-    EXPECT_THAT(client.request(3, "autoinfo 49 batt"),
-                ElementsAre("3 ack", "3 error value out of range", "3 ready 0.000"));
-    client.send("4 autoinfo 100 pstate");
-    std::string line;
-    ASSERT_TRUE(client.read_line(&line));
-    EXPECT_EQ("4 ack", line);
-    std::vector<std::string> reports;
-    for (int i = 0; i < 3; i++) {
-        server.advance("100ms"); /* one report per expiry the loop sees */
-        server.settle();
-        while (client.read_line(&line, 0))
-            reports.push_back(line);
-    }
-    EXPECT_EQ(3u, reports.size());
-    for (const std::string& r : reports)
-        EXPECT_EQ("4 data 5", r);
-    client.send("5 abort 4");
-    std::vector<std::string> end = client.read_until([](const std::string& l) { return vt::is_ready_line(l, 5); });
-    EXPECT_THAT(end, testing::Contains("4 ready"));
 }
 
 /* A server that died during a move left the drive running home at full

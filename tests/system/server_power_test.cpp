@@ -59,18 +59,12 @@ TEST_F(ServerPower, LevelsFollowTheBatteryWithHysteresis)
      * polled every 10 s. */
     server.ctl({"set", "battery.voltage", "3.9"});
     EXPECT_THAT(events_over(server, client, "10s", 2), ElementsAre("0 event battery low", "0 event battery good"));
-
-    /* A client that comes later is told at once. */
-    vt::LineClient later;
-    ASSERT_TRUE(later.connect(server.port()));
-    EXPECT_THAT(later.read_until([](const std::string& l) { return l.find("good") != std::string::npos; }),
-                ElementsAre("0 event on battery", "0 event battery good"));
 }
 
 /* USB power: plugged in, the gadget comes up and the battery charges. The
- * charger's line, held low while it charges, tells of a supply gone at once.
- * A dip shorter than the five readings leaves the gadget running, a longer
- * one takes it down and up again. */
+ * charger's line, held low while it charges, tells of a supply gone at once;
+ * the gadget goes down after the five readings (their count is the unit
+ * suite's). */
 TEST_F(ServerPower, UsbPowerComesAndGoes)
 {
     events_over(server, client, "1s", 1);
@@ -86,23 +80,12 @@ TEST_F(ServerPower, UsbPowerComesAndGoes)
     EXPECT_THAT(later.read_until([](const std::string& l) { return l.rfind("1 ready", 0) == 0; }),
                 ElementsAre("0 event charging", "1 ack", "1 data 1", StartsWith("1 ready")));
 
-    /* The server runs at the end of each step, and each of its waits
-     * between the readings takes one. */
-    server.ctl({"usb-dip", "80ms"});
-    EXPECT_THAT(events_over(server, client, "20ms", 6), Contains("0 event on battery"));
-    EXPECT_EQ(0u, vt::grep(server.journal(), "usb_gadget.sh stop").size());
-    server.ctl({"usb-dip", "1s"});
-    events_over(server, client, "100ms", 14);
-    journal = server.journal();
-    EXPECT_EQ(1u, vt::grep(journal, "system \"sh ./usb_gadget.sh stop\" 0").size());
-    EXPECT_EQ(2u, vt::grep(journal, "system \"sh ./usb_gadget.sh start\" 0").size());
-
     server.ctl({"set", "supply.usb_v", "0"});
     EXPECT_THAT(events_over(server, client, "100ms", 1), ElementsAre("0 event on battery", "0 event battery good"));
     events_over(server, client, "100ms", 5); /* the five readings */
     journal = server.journal();
-    EXPECT_EQ(2u, vt::grep(journal, "system \"sh ./usb_gadget.sh stop\" 0").size());
-    EXPECT_EQ(2u, vt::grep(journal, "system \"sh ./usb_gadget.sh unbind\" 0").size());
+    EXPECT_EQ(1u, vt::grep(journal, "system \"sh ./usb_gadget.sh stop\" 0").size());
+    EXPECT_EQ(1u, vt::grep(journal, "system \"sh ./usb_gadget.sh unbind\" 0").size());
 }
 
 /* Every idle period saves the counters to the RTC's RAM and restarts the
