@@ -93,21 +93,4 @@ TEST(Aquisition, MonitorWritesTheLastSampleToTheOptoPort)
     }
 }
 
-/* As on the instrument: firmware that never reaches its main loop leaves the
- * program waiting for good. */
-TEST(Aquisition, FirmwareThatNeverSignalsBlocksTheStart)
-{
-    vt::SimBoard board(std::string(kMeasuring) + "[pru]\nfault = no-signal\n");
-    vt::ChildProcess child;
-    ASSERT_TRUE(board.start(child, {"-A", "0"}));
-    ASSERT_TRUE(await_output(child, "aquisition_init(): wait for firmware (re-)entering mainloop"));
-    /* The firmware comes up while the host waits (the board's clock may not
-     * have reached the end of its boot yet when the line is printed). */
-    ASSERT_TRUE(vt::eventually([&] { return board.ctl({"get", "pru.state"}).out == "idle\n"; }));
-    EXPECT_FALSE(child.wait(500));
-    EXPECT_EQ(std::string::npos, child.err().find("aquisition_init(): done"));
-    child.signal(SIGKILL);
-    child.wait(10000);
-}
-
 } // namespace

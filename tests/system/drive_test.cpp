@@ -1,11 +1,8 @@
-/* The drive actions and the setters of the real binary on the simulated
- * board. */
+/* The setters of the real binary on the simulated board. */
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "simrun.h"
-
-using testing::HasSubstr;
 
 namespace {
 
@@ -43,17 +40,6 @@ TEST(SetterActions, TakeTheirRangeAndRefuseTheRest)
         EXPECT_EQ(c.bad_out, r.out);
         EXPECT_EQ(c.journal, board.journal());
     }
-}
-
-/* The board outlives the program: a drive started by one call keeps moving
- * and is home when a later call looks. */
-TEST(DriveActions, TheBoardCarriesOnBetweenRuns)
-{
-    vt::SimBoard board("[drive]\nposition_mm = 0.02\n");
-    ASSERT_EQ(0, board.velatool({"-m", "1"}).status);
-    ASSERT_EQ(0, board.velatool({"-d", "0"}).status); /* full speed towards home */
-    vt::ProcessResult r = board.velatool({"-a"});
-    EXPECT_THAT(r.out, HasSubstr("0: endposition reached"));
 }
 
 } // namespace

@@ -63,19 +63,6 @@ TEST(PowerActions, ChargerDetectionAndSetUp)
     EXPECT_TRUE(vt::grep(low.journal(), "charger detect").empty());
 }
 
-/* The chips stay powered between two programs: a second set-up finds the
- * charger as the first left it and writes nothing but what the detection
- * changed. */
-TEST(PowerActions, ASecondRunFindsTheChargerAsTheFirstLeftIt)
-{
-    vt::SimBoard board("[clock]\nmode = warp\n");
-    ASSERT_EQ(0, board.velatool({"-D"}).status);
-    ASSERT_EQ(0, board.velatool({"-D"}).status);
-    std::vector<std::string> journal = board.journal();
-    EXPECT_EQ(1u, vt::grep(journal, "/dev/i2c-0@0x6b write 03 64").size());
-    EXPECT_EQ(1u, vt::grep(journal, "/dev/i2c-0@0x6b write 05 62").size());
-}
-
 /* The monitor polls every 10 s of board time and reacts to the charger's
  * interrupt; it runs until it is stopped. */
 TEST(PowerActions, ChargerMonitor)
