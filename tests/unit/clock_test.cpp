@@ -16,7 +16,6 @@
 #include "clock.h"
 #include "simtest.h"
 
-using testing::ElementsAre;
 using testing::HasSubstr;
 
 namespace {
@@ -69,26 +68,6 @@ TEST_F(Clock, ModesDecideHowBoardTimePasses)
     EXPECT_EQ(0u, sleep(3600));
     EXPECT_EQ(t0 + 3600 * kSec, sim::board_ns());
     EXPECT_LT(sim::host_monotonic_ns() - host0, 5 * kSec);
-
-    /* scaled: K times the host's pace; real: the host's. */
-    ASSERT_TRUE(sim::clock_mode("scaled 1000"));
-    host0 = sim::host_monotonic_ns();
-    t0 = sim::board_ns();
-    usleep(2000000); /* 2 s of board time, 2 ms of the host's */
-    EXPECT_GE(sim::board_ns() - t0, 2 * kSec);
-    EXPECT_GE(sim::host_monotonic_ns() - host0, 2 * kMs);
-    ASSERT_TRUE(sim::clock_mode("real"));
-    t0 = sim::board_ns();
-    host0 = sim::host_monotonic_ns();
-    usleep(5000);
-    EXPECT_GE(sim::board_ns() - t0, 5 * kMs);
-    EXPECT_GE(sim::host_monotonic_ns() - host0, 5 * kMs);
-
-    EXPECT_FALSE(sim::clock_mode("scaled 0"));
-    EXPECT_FALSE(sim::clock_mode("scaled nan"));
-    EXPECT_THAT(sim::control("clock mode fast"), HasSubstr("error: bad clock mode"));
-    EXPECT_THAT(sim::control("clock advance -1s"), HasSubstr("error: bad duration"));
-    EXPECT_THAT(sim::control("clock"), HasSubstr("mode = real\nboard = "));
 }
 
 TEST_F(Clock, TheProgramsClocksDeriveFromBoardTime)
@@ -259,60 +238,6 @@ TEST_F(Clock, SuspendStopsTheMonotonicClockUntilTheAlarm)
     EXPECT_EQ(11, read(fd, buf, sizeof buf));
     EXPECT_STREQ("freeze mem\n", buf);
     close(fd);
-}
-
-TEST_F(Clock, RtcIoctlsRefuseWhatTheKernelRefuses)
-{
-    int rtc = open("/dev/rtc0", O_RDONLY);
-    ASSERT_GE(rtc, 0);
-    struct rtc_wkalrm alarm = {};
-    alarm.time.tm_mday = 31;
-    alarm.time.tm_mon = 1; /* 31 February */
-    alarm.time.tm_year = 126;
-    EXPECT_EQ(-1, ioctl(rtc, RTC_WKALM_SET, &alarm));
-    EXPECT_EQ(EINVAL, errno);
-    struct rtc_time t = {0, 0, 12, 1, 0, 126, 0, 0, 0};
-    ASSERT_EQ(0, ioctl(rtc, RTC_SET_TIME, &t));
-    EXPECT_NEAR(1767268800, rtc_seconds(), 1); /* 2026-01-01 12:00 */
-    alarm.enabled = 0;
-    alarm.time = t;
-    alarm.time.tm_min = 5;
-    ASSERT_EQ(0, ioctl(rtc, RTC_WKALM_SET, &alarm));
-    ASSERT_EQ(0, ioctl(rtc, RTC_AIE_ON, 0));
-    struct rtc_wkalrm back = {};
-    ASSERT_EQ(0, ioctl(rtc, RTC_WKALM_RD, &back));
-    EXPECT_EQ(1, back.enabled);
-    EXPECT_EQ(5, back.time.tm_min);
-    ASSERT_EQ(0, ioctl(rtc, RTC_AIE_OFF, 0));
-    EXPECT_EQ("2026-01-01 12:05:00 disabled", sim::get("rtc.alarm"));
-
-    /* A fault for one request only. */
-    EXPECT_EQ("ok\n", sim::control("fault /dev/rtc0 ioctl:RTC_WKALM_SET EIO"));
-    EXPECT_EQ(0, ioctl(rtc, RTC_RD_TIME, &t));
-    EXPECT_EQ(-1, ioctl(rtc, RTC_WKALM_SET, &alarm));
-    EXPECT_EQ(EIO, errno);
-    EXPECT_EQ(0, ioctl(rtc, RTC_WKALM_SET, &alarm));
-    close(rtc);
-    EXPECT_THAT(sim::journal_entries(),
-                ElementsAre("/dev/rtc0 RTC_WKALM_SET 2026-02-31 00:00:00 -> EINVAL",
-                            "/dev/rtc0 RTC_SET_TIME 2026-01-01 12:00:00", "/dev/rtc0 RTC_WKALM_SET 2026-01-01 12:05:00 disabled",
-                            "/dev/rtc0 RTC_AIE_ON", "/dev/rtc0 RTC_AIE_OFF",
-                            "/dev/rtc0 RTC_WKALM_SET 2026-01-01 12:05:00 disabled"));
-}
-
-TEST_F(Clock, ASavedTimeAheadOfTheHostNeverRunsBackwards)
-{
-    sim::Clock c;
-    ASSERT_EQ("", c.set_mode("step"));
-    /* Saved an hour "in the future" by the host's wall clock (a host whose
-     * clock was set back, or a board directory from another machine). */
-    c.restore(100 * kSec, 7 * kSec, sim::host_realtime_ns() + 3600 * kSec);
-    EXPECT_GE(c.now(), 100 * kSec);
-    EXPECT_LT(c.now(), 101 * kSec);
-    EXPECT_EQ(c.now() - 7 * kSec, c.monotonic());
-    ASSERT_EQ("", c.set_mode("real"));
-    c.restore(100 * kSec, 0, sim::host_realtime_ns() - 5 * kSec); /* saved 5 s ago: it went on */
-    EXPECT_GE(c.now(), 105 * kSec);
 }
 
 } // namespace
