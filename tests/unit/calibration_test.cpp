@@ -6,11 +6,11 @@
 
 #include <cerrno>
 #include <string>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include "aquisition.h"
 #include "calibration.h"
+#include "client_pair.h"
 #include "configtest.h"
 #include "server.h"
 #include "messages.h"
@@ -34,8 +34,6 @@ protected:
     void SetUp() override
     {
         vt::ConfigTest::SetUp();
-        ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, sv_));
-        ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, other_));
         client_ = remote_client(0);
         client_->sock = sv_[0];
         client_->current_id = 7;
@@ -56,10 +54,6 @@ protected:
         }
         client_->sock = -1;
         remote_client(1)->sock = -1;
-        close(sv_[0]);
-        close(sv_[1]);
-        close(other_[0]);
-        close(other_[1]);
         vt::ConfigTest::TearDown();
     }
 
@@ -120,8 +114,8 @@ protected:
     }
 
     client_s* client_ = nullptr;
-    int sv_[2] = {-1, -1};
-    int other_[2] = {-1, -1};
+    vt::ClientPair sv_;
+    vt::ClientPair other_;
 };
 
 const std::string kOutOfRange = "7 error value out of range\n";

@@ -9,10 +9,10 @@
 #include <linux/rtc.h>
 #include <sys/ioctl.h>
 #include <sys/select.h>
-#include <sys/socket.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
 
+#include "client_pair.h"
 #include "clock.h"
 #include "simtest.h"
 
@@ -135,8 +135,7 @@ TEST_F(Clock, TimerDescriptorsFollowTheKernel)
 TEST_F(Clock, SelectWakesForWhicheverComesFirst)
 {
     ASSERT_TRUE(sim::clock_mode("warp"));
-    int sv[2];
-    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, sv));
+    vt::ClientPair sv;
     int t = timer(5 * kSec, 0);
     auto wait = [&](fd_set* rd) {
         FD_ZERO(rd);
@@ -171,8 +170,6 @@ TEST_F(Clock, SelectWakesForWhicheverComesFirst)
     ASSERT_EQ(0, wait(&rd));
     EXPECT_EQ(t0 + 60 * kSec, sim::board_ns());
     close(t);
-    close(sv[0]);
-    close(sv[1]);
 }
 
 /* The calendar fields that struct rtc_time shares with struct tm. */

@@ -8,9 +8,9 @@
 #include <cstring>
 #include <fcntl.h>
 #include <sstream>
-#include <sys/socket.h>
 #include <unistd.h>
 
+#include "client_pair.h"
 #include "mtrace.h"
 #include "power.h"
 #include "remote.h"
@@ -336,16 +336,13 @@ TEST_F(PowerEvents, ASuspendHandsTheChargerItsOwnMode)
  * line to one client and the values no state has. */
 TEST_F(PowerEvents, EventLinesToOneClient)
 {
-    int sv[2];
-    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, sv));
+    vt::ClientPair sv;
     struct client_s client = {.sock = sv[0]};
     EXPECT_EQ(0, vela_send_battery_event(&client, BATT_STATE_DONE));
     EXPECT_EQ(0, vela_send_battery_event(&client, 6));
     EXPECT_EQ(0, vela_send_battery_level_event(&client, 4));
-    close(sv[0]);
     EXPECT_EQ("0 event charging done\n0 event battery mode unknown\n0 event battery level unkown\n",
               vt::received(sv[1]));
-    close(sv[1]);
 }
 
 TEST_F(PowerEvents, ServiceLineOnTheOptoPort)

@@ -9,14 +9,13 @@
 #include <cerrno>
 #include <cstring>
 #include <cstdint>
-#include <fcntl.h>
 #include <functional>
 #include <string>
 #include <sys/select.h>
-#include <sys/socket.h>
 #include <unistd.h>
 #include <vector>
 
+#include "client_pair.h"
 #include "configtest.h"
 #include "measurement.h"
 #include "motorctrl.h"
@@ -49,8 +48,6 @@ protected:
         vt::ConfigTest::SetUp();
         ASSERT_TRUE(sim::clock_mode("warp"));
         ASSERT_TRUE(sim::set("adc.noise_codes", "0"));
-        ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, sv_));
-        fcntl(sv_[1], F_SETFL, O_NONBLOCK);
         client_.sock = sv_[0];
         client_.idx = 0;
         client_.current_id = 7;
@@ -86,8 +83,6 @@ protected:
         aquisition_shutdown(&state.pruss_info);
         vela_motor_vganf_close();
         am335x_adc_close(state.adchnd);
-        close(sv_[0]);
-        close(sv_[1]);
         vt::ConfigTest::TearDown();
     }
 
@@ -153,11 +148,7 @@ protected:
     /* Everything the client has received since the last call, by lines. */
     std::vector<std::string> lines()
     {
-        std::string text;
-        char buf[8192];
-        ssize_t n;
-        while ((n = read(sv_[1], buf, sizeof buf)) > 0)
-            text.append(buf, static_cast<size_t>(n));
+        std::string text = vt::received(sv_[1]);
         std::vector<std::string> out;
         size_t at = 0;
         for (size_t nl; (nl = text.find('\n', at)) != std::string::npos; at = nl + 1)
@@ -188,7 +179,7 @@ protected:
 
     std::vector<std::string> dac_writes() { return vt::entries("/dev/i2c-1@0x60 write"); }
 
-    int sv_[2] = {-1, -1};
+    vt::ClientPair sv_;
     struct client_s client_ = {};
 };
 
