@@ -136,25 +136,6 @@ TEST_F(Channels, GetAnswersValuesInOrderOrOnlyTheError)
     EXPECT_EQ("7 error error\n", replies());
 }
 
-/* More names than the reply buffer holds: refused, nothing overrun. */
-TEST_F(Channels, AnOverlongGetIsRefusedWhole)
-{
-    snprintf(state.machine, sizeof state.machine, "VELAL");
-    std::string names;
-    for (int i = 0; i < 1000; i++)
-        names += " machine";
-    EXPECT_EQ(-1, run("get" + names));
-    EXPECT_EQ("7 error syntax invalid\n", replies());
-
-    /* As many as fit are answered. */
-    names.clear();
-    for (int i = 0; i < 600; i++)
-        names += " machine";
-    std::string line = get(names.substr(1));
-    EXPECT_EQ(6u + 600u * 6u + 1u, line.size());
-    EXPECT_EQ("7 data VELAL VELAL", line.substr(0, 18));
-}
-
 TEST_F(Channels, BatteryPercentFollowsLoadAndChargeState)
 {
     state.vbatt_crit_threshold = 3.5;
