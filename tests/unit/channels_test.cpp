@@ -26,7 +26,6 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::MatchesRegex;
-using testing::Not;
 using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
 
@@ -347,10 +346,7 @@ TEST_F(Channels, TracelevelOutsideItsRangeIsIgnoredSilently)
     CaptureStderr();
     EXPECT_EQ(0, run("set tracelevel=0"));
     EXPECT_EQ(0, run("set tracelevel=5"));
-    std::string err = GetCapturedStderr();
-    EXPECT_THAT(err, HasSubstr("Setting tracelevel to 0"));
-    EXPECT_THAT(err, HasSubstr("Setting tracelevel to 5"));
-    EXPECT_THAT(err, Not(HasSubstr("cb_set(): channel=tracelevel, value=5"))) << "traced at level 0";
+    GetCapturedStderr();
     EXPECT_EQ(5, _MTrace_GetLevel(MTRACE_DOMAIN));
     EXPECT_EQ(5, options.tracelevel);
     EXPECT_EQ("", replies());
