@@ -17,7 +17,6 @@ namespace {
 
 class Identity : public vt::SimTest {
 protected:
-    void TearDown() override { options.verbose = 0; }
 
     std::string revision()
     {
@@ -68,16 +67,10 @@ TEST_F(Identity, EnvironmentLookupKeepsItsQuirks)
 TEST_F(Identity, AFailingEnvironmentCommandIsAnAccessError)
 {
     ASSERT_EQ("", sim::reset("command = 1 /usr/sbin/fw_printenv\n"));
-    options.verbose = 1;
-    testing::internal::CaptureStdout();
     char value[32];
     EXPECT_EQ(-EACCES, util_env_lookup_var("serial#", value, sizeof value));
-    EXPECT_EQ("util_env_lookup_var(): /tmp/environment.txt does not exist\n"
-              "util_env_lookup_var(): (re)creation failed (256)\n",
-              testing::internal::GetCapturedStdout());
     EXPECT_THAT(vt::entries("system"), ElementsAre("system \"/usr/sbin/fw_printenv > /tmp/environment.txt\" 1"));
     char sn[33] = "untouched";
-    options.verbose = 0;
     EXPECT_EQ(0, vela_get_serialno(sn));
     EXPECT_STREQ("untouched", sn);
 }
