@@ -204,7 +204,6 @@ TEST_F(IniDataTest, HandleInterface)
     EXPECT_EQ(0, MIniData_DoesSectionExist(h, "general"));
     EXPECT_EQ(0, MIniData_SetContentString(h, "[a"));
     MIniData_Destroy(h);
-    MIniData_Destroy(nullptr);
 }
 
 /* Limits the file size a write may reach, as a full disk would. */

@@ -10,7 +10,6 @@
 #include <sstream>
 #include <unistd.h>
 
-#include "client_pair.h"
 #include "mtrace.h"
 #include "power.h"
 #include "remote.h"
@@ -322,19 +321,6 @@ TEST_F(PowerEvents, ASuspendHandsTheChargerItsOwnMode)
     sim::journal_clear();
     handle();
     EXPECT_THAT(vt::entries(std::string(kChip) + " write 05 "), ElementsAre(HasSubstr("write 05 62")));
-}
-
-/* The texts of known states are checked with the handler above; here the
- * line to one client and the values no state has. */
-TEST_F(PowerEvents, EventLinesToOneClient)
-{
-    vt::ClientPair sv;
-    struct client_s client = {.sock = sv[0]};
-    EXPECT_EQ(0, vela_send_battery_event(&client, BATT_STATE_DONE));
-    EXPECT_EQ(0, vela_send_battery_event(&client, 6));
-    EXPECT_EQ(0, vela_send_battery_level_event(&client, 4));
-    EXPECT_EQ("0 event charging done\n0 event battery mode unknown\n0 event battery level unkown\n",
-              vt::received(sv[1]));
 }
 
 TEST_F(PowerEvents, ServiceLineOnTheOptoPort)
