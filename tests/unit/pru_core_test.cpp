@@ -178,14 +178,6 @@ TEST_F(Core, HardwareLoops)
     EXPECT_EQ(4u, core.reg(1));
 }
 
-TEST_F(Core, ADelayLoopCostsItsCyclesButIsNotStepped)
-{
-    run("loop end, r5\nnop\nnop\nend: halt\n", {0, 0, 0, 0, 50000}, 1000000);
-    EXPECT_EQ(PruCore::State::Halted, core.state());
-    EXPECT_EQ(1u + 100000u, core.cycles());
-    EXPECT_EQ(2u, core.insns());
-}
-
 TEST_F(Core, BurstsWalkTheRegisterFileFromTheirStartByte)
 {
     /* r0 = 0x80818283, r1 = 0x84858687: five bytes from r0.b2 to 0x1000. */
@@ -333,67 +325,6 @@ TEST_F(Events, R31EventsReachTheOtherCoreAndTheHost)
     EXPECT_EQ(1u, interrupts());
 }
 
-TEST_F(Events, FaultsCutTheFirmwaresEvents)
-{
-    sim::set("pru.fault", "no-start");
-    start();
-    ASSERT_EQ(0, prussdrv_pru_send_event(21));
-    run_for(sim::kMs);
-    EXPECT_EQ(0u, reg(0));
-
-    sim::set("pru.fault", "no-signal");
-    ASSERT_EQ(0, prussdrv_pru_send_event(21));
-    run_for(sim::kMs);
-    EXPECT_EQ(0xAAu, reg(0));
-    EXPECT_EQ("halted", sim::get("pru1.state"));
-    EXPECT_EQ(0u, interrupts());
-}
-
-/* PRU0 paced by the IEP: CMP0 = (N - 1) * 5 gives a hit every N cycles,
- * taken from R31 bit 30 and cleared in the INTC (the compare keeps its pace
- * whether CMP_STATUS is cleared or not); it counts the hits in its data
- * RAM. */
-TEST_F(Events, IepComparePacesTheCore)
-{
-    const uint32_t n = 1000;
-    load(0, "ldi r1, 0x551\nldi r2, 3\nldi r3, " + std::to_string((n - 1) * 5) +
-                "\nsbco r3, c26, 0x48, 4\nsbco r2, c26, 0x40, 4\nsbco r1, c26, 0, 4\n"
-                "hit: wbs r31, 30\nldi r4, 7\nsbco r4, c0, 0x24, 4\n"
-                "add r5, r5, 1\nsbco r5, c24, 0, 4\nqba hit\n");
-    run_for(10 * sim::kMs);
-    uint32_t before = reg(0);
-    EXPECT_NEAR(2000, before, 2);
-    run_for(10 * sim::kMs);
-    EXPECT_EQ(2000u, reg(0) - before);
-    /* Seven instructions per hit, not one per cycle. */
-    EXPECT_LT(std::stoul(sim::get("pru0.insns")), 8u * 4001);
-}
-
-/* no-stop: PRU0 stops once it has set out_state 1, until the fault goes. */
-TEST_F(Pruss, NoStopFreezesTheAcquiringCore)
-{
-    sim::set("pru.fault", "no-stop");
-    load(0, "ldi32 r2, 0x10000\nldi r1, 1\nsbbo r1, r2, 52, 4\n"
-            "count: add r3, r3, 1\nsbbo r3, r0, 0, 4\nqba count\n");
-    run_for(sim::kMs);
-    EXPECT_EQ(1u, reg(0x10000 + 52));
-    EXPECT_EQ(0u, reg(0));
-    sim::set("pru.fault", "none");
-    run_for(sim::kMs);
-    EXPECT_NE(0u, reg(0));
-}
-
-TEST_F(Pruss, AWaitForAPinCostsNoStepsUntilItChanges)
-{
-    load(1, "wbs r31, 0\nhalt\n");
-    run_for(sim::kUs);
-    uint64_t cycles = std::stoull(sim::get("pru1.cycles"));
-    run_for(sim::kSec);
-    EXPECT_EQ("waiting", sim::get("pru1.state"));
-    EXPECT_EQ("3", sim::get("pru1.insns")); /* one look at each advance of the board */
-    EXPECT_EQ(cycles + 200000000, std::stoull(sim::get("pru1.cycles")));
-}
-
 /* The channel on with a 20 kHz excitation over a flat workpiece, no noise. */
 class Pins : public Pruss {
 protected:
@@ -410,21 +341,6 @@ protected:
         run_for(10 * sim::kUs);
     }
 };
-
-TEST_F(Pins, TheAdcConvertsTheProbeAtConvst)
-{
-    convert();
-    EXPECT_EQ(39830u, reg(0));
-    EXPECT_EQ("halted", sim::get("pru0.state"));
-    EXPECT_EQ("0x0005", sim::get("pru0.pc"));
-
-    /* A stalled ADC keeps BUSY up. */
-    sim::set("pru.fault", "stall");
-    reg(0) = 0;
-    convert();
-    EXPECT_EQ("waiting", sim::get("pru0.state"));
-    EXPECT_EQ(0u, reg(0));
-}
 
 /* PRU1 drives the reference `delay` cycles after each rising edge of the
  * comparator (a 20 kHz period is 10000 cycles); the probe's signal follows
@@ -447,6 +363,13 @@ TEST_F(Pins, TheReferencePhaseScalesTheProbe)
         convert();
         EXPECT_NEAR(c.raw, reg(0), 1);
     }
+
+    /* A stalled ADC keeps BUSY up. */
+    sim::set("pru.fault", "stall");
+    reg(0) = 0;
+    convert();
+    EXPECT_EQ("waiting", sim::get("pru0.state"));
+    EXPECT_EQ(0u, reg(0));
 }
 
 } // namespace

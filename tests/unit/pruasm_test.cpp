@@ -142,15 +142,6 @@ TEST(Pruasm, EncodesEveryInstructionForm)
         EXPECT_EQ(v.word, first_word(v.src)) << v.src;
 }
 
-TEST(Pruasm, Ldi32IsTwoWordsHighHalfFirst)
-{
-    pruasm::Output out = pruasm::assemble("ldi32 r16, 0x12345678\nldi32 r1, -2\nhalt", "t.asm");
-    ASSERT_TRUE(out.ok());
-    const uint32_t expect[] = {0x241234D0, 0x24567890, 0x24FFFFC1, 0x24FFFE81, pruasm::kHalt};
-    for (uint32_t i = 0; i < 5; ++i)
-        EXPECT_EQ(expect[i], word_at(out.text, 4 * i)) << i;
-}
-
 TEST(Pruasm, LaysOutAProgram)
 {
     const char* src = R"(; a program in both sections

@@ -5,14 +5,11 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
-#include <linux/i2c-dev.h>
 #include <poll.h>
-#include <sys/ioctl.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
-#include <sys/uio.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -87,99 +84,7 @@ TEST_F(Board, GpioEdgesFollowTheKernelsRules)
     reread(fd);
     EXPECT_EQ(0, pending(fd));
     EXPECT_FALSE(select_exception(fd));
-
-    /* The edge file takes the four words only; inputs refuse values. */
-    EXPECT_EQ(-1, sysfs_write_string(kEdge, "up"));
-    EXPECT_EQ(0, sysfs_write_string(kEdge, "both\n"));
-    EXPECT_EQ("both", sim::get("gpio.vg_anf.edge"));
-    EXPECT_EQ(-1, sysfs_write_valid_int(kValue, 0, 1, 1));
-    EXPECT_THAT(vt::entries("vg_anf"), ElementsAre(std::string(kEdge) + " write falling",
-                                                   std::string(kEdge) + " write up -> EINVAL",
-                                                   std::string(kEdge) + " write both\\n",
-                                                   std::string(kValue) + " write 1 -> EPERM"));
     close(fd);
-}
-
-TEST_F(Board, DescriptorTableFollowsDupAndClose)
-{
-    int fd = open(kValue, O_RDONLY);
-    ASSERT_GE(fd, 0);
-    int copy = dup(fd);
-    ASSERT_GE(copy, 0);
-    char c;
-    EXPECT_EQ(1, read(fd, &c, 1));
-    EXPECT_EQ('1', c);
-    EXPECT_EQ(0, close(fd));
-    EXPECT_EQ(1, lseek(copy, 0, SEEK_CUR)); /* one open file, one offset */
-    EXPECT_EQ(1, read(copy, &c, 1));
-    EXPECT_EQ('\n', c);
-    EXPECT_EQ(0, close(copy));
-    EXPECT_EQ(-1, read(copy, &c, 1));
-    EXPECT_EQ(EBADF, errno);
-
-    /* A plain file that gets the same number afterwards is not the board's. */
-    vt::TempDir dir;
-    vt::write_file(dir.file("plain"), "plain text");
-    int plain = open(dir.file("plain").c_str(), O_RDONLY);
-    ASSERT_GE(plain, 0);
-    char buf[16] = {};
-    EXPECT_EQ(10, read(plain, buf, sizeof buf));
-    EXPECT_STREQ("plain text", buf);
-    close(plain);
-
-    /* Devices refuse what the kernel refuses. */
-    EXPECT_EQ(-1, open("/sys/class/gpio/vg_anf/direction", O_WRONLY));
-    EXPECT_EQ(EACCES, errno);
-    EXPECT_EQ(-1, open("/sys/class/gpio/nonexistent/value", O_RDONLY));
-    EXPECT_EQ(ENOENT, errno);
-}
-
-TEST_F(Board, UnrelatedPathsPassThroughAndRedirectedOnesStayInTheSandbox)
-{
-    int null = open("/dev/null", O_WRONLY);
-    ASSERT_GE(null, 0);
-    EXPECT_EQ(3, write(null, "abc", 3));
-    close(null);
-    struct stat st;
-    EXPECT_EQ(0, stat("/dev/null", &st));
-    EXPECT_TRUE(S_ISCHR(st.st_mode));
-    EXPECT_EQ(0, stat("/dev/i2c-1", &st));
-    EXPECT_TRUE(S_ISCHR(st.st_mode));
-    EXPECT_EQ(0, stat("/sys/class/gpio/vg_anf", &st));
-    EXPECT_TRUE(S_ISDIR(st.st_mode));
-
-    ASSERT_EQ(0, mkdir("/var/opt/Orvik", 0755));
-    FILE* f = fopen("/var/opt//Orvik/x.ini", "w");
-    ASSERT_NE(nullptr, f);
-    fputs("[a]\n", f);
-    fclose(f);
-    EXPECT_EQ("[a]\n", vt::read_file(sim::sandbox() + "/fs/var/opt/Orvik/x.ini"));
-    EXPECT_EQ(0, access("/var/opt/Orvik/x.ini", R_OK));
-    EXPECT_EQ(0, unlink("/var/opt/Orvik/x.ini"));
-    EXPECT_EQ(-1, access("/var/opt/Orvik/x.ini", F_OK));
-}
-
-TEST_F(Board, I2cNeedsAnAddressThatAnswers)
-{
-    int fd = open("/dev/i2c-1", O_RDWR);
-    ASSERT_GE(fd, 0);
-    unsigned char data[2] = {0x08, 0x22};
-    EXPECT_EQ(-1, write(fd, data, 2)); /* no I2C_SLAVE yet */
-    EXPECT_EQ(EREMOTEIO, errno); /* i2c-omap reports a NACK so */
-    ASSERT_EQ(0, ioctl(fd, I2C_SLAVE, 0x51));
-    EXPECT_EQ(-1, write(fd, data, 2));
-    EXPECT_EQ(EREMOTEIO, errno); /* i2c-omap reports a NACK so */
-    EXPECT_EQ(-1, ioctl(fd, I2C_SLAVE, 0x80));
-    ASSERT_EQ(0, ioctl(fd, I2C_SLAVE, 0x60));
-    EXPECT_EQ(2, write(fd, data, 2));
-    unsigned char reg[5];
-    EXPECT_EQ(5, read(fd, reg, 5));
-    EXPECT_EQ(0x82, reg[1]);
-    EXPECT_EQ(0x20, reg[2]);
-    close(fd);
-    EXPECT_THAT(sim::journal_entries(),
-                ElementsAre("/dev/i2c-1@0x00 write 08 22 -> EREMOTEIO", "/dev/i2c-1@0x51 write 08 22 -> EREMOTEIO",
-                            "/dev/i2c-1@0x60 write 08 22", "/dev/i2c-1@0x60 read c0 82 20 08 22"));
 }
 
 TEST_F(Board, ControlCommandsScenariosAndSimulatedCommands)
@@ -213,11 +118,6 @@ TEST_F(Board, RtcTimeIsReadAsText)
     CaptureStderr();
     EXPECT_EQ(-1, query_rtc_time(buf, sizeof buf));
     EXPECT_EQ("ERROR: cannot open /sys/class/rtc/rtc1/time (errno=2)", GetCapturedStderr());
-    sim::control("absent /sys/class/rtc/rtc1/time 0");
-    sim::fault("/sys/class/rtc/rtc1/time", "read", EIO, 1);
-    CaptureStderr();
-    EXPECT_EQ(-1, query_rtc_time(buf, sizeof buf));
-    EXPECT_EQ("ERROR: reading /sys/class/rtc/rtc1/time failed or incomplete (errno=5)\n", GetCapturedStderr());
 }
 
 TEST_F(Board, TheDriveMovesInBoardTimeAndTheEndSwitchFollowsAtOnce)
@@ -245,40 +145,6 @@ TEST_F(Board, TheDriveMovesInBoardTimeAndTheEndSwitchFollowsAtOnce)
     sim::advance_clock(100 * 1000000);
     EXPECT_EQ("20", sim::get("drive.position_mm"));
     EXPECT_EQ(0.0, std::stod(sim::get("drive.velocity_mm_s"))); /* it stands there */
-}
-
-/* A model reports each change of a line as it happens: a pulse that is over
- * before the program looks again still leaves its edge. */
-TEST_F(Board, APulseBetweenTwoLooksIsSeen)
-{
-    static sim::GpioLine* line = sim::GpioLine::input(sim::Board::get(), "pulse_test");
-    const std::string value = "/sys/class/gpio/pulse_test/value";
-    ASSERT_EQ(0, sysfs_write_string("/sys/class/gpio/pulse_test/edge", "rising"));
-    int fd = open(value.c_str(), O_RDONLY);
-    reread(fd);
-    line->drive(1);
-    line->drive(0);
-    EXPECT_EQ(POLLPRI | POLLERR, pending(fd));
-    reread(fd);
-    line->drive(0); /* no change, no edge */
-    EXPECT_EQ(0, pending(fd));
-    close(fd);
-}
-
-/* A program that waits on board descriptors with nothing due sleeps through
- * on the host: one wake-up, for its own time-out. */
-TEST_F(Board, AWaitWithNothingDueWakesOnlyForItsTimeOut)
-{
-    int fd = open(kValue, O_RDONLY);
-    reread(fd);
-    uint64_t before = std::stoull(sim::get("board.wakeups"));
-    fd_set ex;
-    FD_ZERO(&ex);
-    FD_SET(fd, &ex);
-    struct timeval tv = {0, 50000};
-    EXPECT_EQ(0, select(fd + 1, nullptr, nullptr, &ex, &tv));
-    EXPECT_EQ(before + 1, std::stoull(sim::get("board.wakeups")));
-    close(fd);
 }
 
 TEST_F(Board, ChildProcessesStayOutOfTheBoard)
@@ -333,76 +199,6 @@ TEST_F(Board, ADescriptorClosedBehindTheBoardsBackIsForgotten)
     EXPECT_EQ("0", sim::get("motor.power"));
     close(sv[0]);
     close(sv[1]);
-}
-
-TEST_F(Board, VectoredPositionedAndNonBlockingCallsReachTheDevice)
-{
-    /* pread from offset 0 clears a pending edge, as a read from 0 does. */
-    int fd = open(kValue, O_RDONLY);
-    char c[2];
-    EXPECT_EQ(POLLPRI | POLLERR, pending(fd));
-    EXPECT_EQ(2, pread(fd, c, sizeof c, 0));
-    EXPECT_EQ(0, pending(fd));
-    EXPECT_EQ(0, lseek(fd, 0, SEEK_CUR));
-    char a, b;
-    struct iovec iov[2] = {{&a, 1}, {&b, 1}};
-    EXPECT_EQ(2, readv(fd, iov, 2));
-    EXPECT_EQ('1', a);
-    EXPECT_EQ('\n', b);
-    close(fd);
-
-    /* writev is one store, as sysfs takes it. */
-    fd = open(kEdge, O_WRONLY);
-    struct iovec parts[2] = {{const_cast<char*>("ris"), 3}, {const_cast<char*>("ing\n"), 4}};
-    EXPECT_EQ(7, writev(fd, parts, 2));
-    EXPECT_EQ(-1, pwrite(fd, "x", 1, 0));
-    EXPECT_EQ(EINVAL, errno);
-    close(fd);
-    EXPECT_THAT(vt::entries("edge"),
-                ElementsAre(std::string(kEdge) + " write rising\\n", std::string(kEdge) + " write x -> EINVAL"));
-
-    /* O_NONBLOCK reaches the pty behind the opto port. */
-    fd = open("/dev/ttyO1", O_RDWR | O_NOCTTY);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(0, fcntl(fd, F_SETFL, O_NONBLOCK));
-    std::string info = vt::read_file("/proc/self/fdinfo/" + std::to_string(fd));
-    long flags = strtol(info.substr(info.find("flags:") + 6).c_str(), nullptr, 8);
-    EXPECT_TRUE(flags & O_NONBLOCK) << info;
-    close(fd);
-}
-
-/* The text of an attribute is made once, at the read from offset 0: a
- * reader that takes it a byte at a time never mixes two readings. */
-TEST_F(Board, AnAttributeIsReadFromOneSnapshot)
-{
-    ASSERT_TRUE(sim::clock_mode("step"));
-    int fd = open("/sys/class/rtc/rtc1/time", O_RDONLY);
-    std::string first(5, '\0'), rest(4, '\0');
-    ASSERT_EQ(5, read(fd, first.data(), 5)); /* "hh:mm" */
-    sim::advance_clock(60LL * 1000000000);
-    ASSERT_EQ(4, read(fd, rest.data(), 4)); /* ":ss\n" of the same reading */
-    lseek(fd, 0, SEEK_SET);
-    std::string again(9, '\0');
-    ASSERT_EQ(9, read(fd, again.data(), 9));
-    EXPECT_NE(first + rest, again);
-    EXPECT_EQ(again.substr(6, 2), rest.substr(1, 2)); /* a minute later, the same second */
-    close(fd);
-}
-
-TEST_F(Board, ScenarioValuesAndFaultsMustMakeSense)
-{
-    EXPECT_THAT(sim::reset("[battery]\nvoltage = nan\n"), HasSubstr("bad value 'nan' for 'battery.voltage'"));
-    EXPECT_THAT(sim::reset("[drive]\ntravel_mm = -1\n"), HasSubstr("bad value '-1'"));
-    EXPECT_THAT(sim::reset("[motor]\ndac = 99999999999\n"), HasSubstr("bad value"));
-    EXPECT_THAT(sim::reset("[workpiece]\nprofile = 0:1 inf:2\n"), HasSubstr("bad value"));
-    EXPECT_EQ("", sim::reset());
-    EXPECT_THAT(sim::control("fault /dev/i2c-1@0x61 write EIO"), HasSubstr("error: no device '/dev/i2c-1@0x61'"));
-    EXPECT_THAT(sim::control("fault /dev/i2c-1@0x60 ioctl EIO"), HasSubstr("has no operation 'ioctl' (read, write)"));
-    EXPECT_THAT(sim::control("fault /sys/class/gpio/vg_anf/valu read EIO"), HasSubstr("error: no device"));
-    EXPECT_THAT(sim::control("fault /dev/rtc0 ioctl:RTC_BOGUS EIO"), HasSubstr("error: unknown ioctl"));
-    EXPECT_THAT(sim::control("absent /dev/i2c-7"), HasSubstr("error: '/dev/i2c-7' is no device"));
-    EXPECT_EQ("ok\n", sim::control("absent /sys/class/gpio/vg_anf"));
-    EXPECT_EQ("ok\n", sim::control("fault /dev/i2c-1@0x60 write EREMOTEIO always"));
 }
 
 /* Every path of the platform is the board's: a node, or absent, never the
