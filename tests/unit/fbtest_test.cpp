@@ -3,11 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <fcntl.h>
 #include <unistd.h>
 
 #include "simtest.h"
-#include "tempdir.h"
 #include "testmodes.h"
 
 using testing::internal::CaptureStderr;
@@ -60,46 +58,6 @@ TEST_F(FbTest, DrawsSevenBands)
         }
     }
     EXPECT_THAT(pixel(480, 0), testing::StartsWith("error: "));
-}
-
-TEST_F(FbTest, ScreenshotIsAPng)
-{
-    ASSERT_TRUE(sim::set("fb.width", "320"));
-    ASSERT_TRUE(sim::set("fb.height", "240"));
-    EXPECT_FALSE(sim::set("fb.height", "5000"));
-    CaptureStdout();
-    ASSERT_EQ(0, do_fbtest());
-    EXPECT_EQ("framebuffer info: 320x240, 16bpp\n", GetCapturedStdout());
-
-    std::string path = sim::sandbox() + "/shot.png";
-    ASSERT_EQ("ok\n", sim::control("screenshot " + path));
-    std::string png = vt::read_file(path);
-    ASSERT_GT(png.size(), 24u);
-    EXPECT_EQ(std::string("\x89PNG\r\n\x1a\n", 8), png.substr(0, 8));
-    EXPECT_EQ("IHDR", png.substr(12, 4));
-    EXPECT_EQ(std::string("\0\0\x01\x40\0\0\0\xf0", 8), png.substr(16, 8)); /* 320 x 240 */
-
-    /* The board makes folders inside its own directory, never outside. */
-    EXPECT_EQ("ok\n", sim::control("screenshot shots/a.png"));
-    EXPECT_TRUE(vt::file_exists(sim::sandbox() + "/shots/a.png"));
-    vt::TempDir outside;
-    EXPECT_THAT(sim::control("screenshot " + outside.file("new/a.png")), testing::StartsWith("error: "));
-    EXPECT_FALSE(vt::file_exists(outside.file("new")));
-}
-
-TEST_F(FbTest, TheFileIsTheScreenMemory)
-{
-    int fd = open("/dev/fb0", O_RDWR);
-    ASSERT_GE(fd, 0);
-    const uint16_t white = 0xFFFF;
-    EXPECT_EQ(2, pwrite(fd, &white, 2, (272 * 480 - 1) * 2));
-    EXPECT_EQ(hex(0xFFFF), pixel(479, 271));
-    uint16_t v[2] = {0, 0};
-    EXPECT_EQ(2, pread(fd, v, 4, (272 * 480 - 1) * 2)); /* cut at the end */
-    EXPECT_EQ(white, v[0]);
-    EXPECT_EQ(-1, pwrite(fd, &white, 2, 272 * 480 * 2));
-    EXPECT_EQ(ENOSPC, errno);
-    close(fd);
 }
 
 TEST_F(FbTest, Failures)

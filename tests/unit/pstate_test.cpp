@@ -10,10 +10,10 @@
 #include <ctime>
 #include <fcntl.h>
 #include <string>
-#include <sys/socket.h>
 #include <unistd.h>
 #include <vector>
 
+#include "client_pair.h"
 #include "configtest.h"
 #include "server.h"
 #include "power.h"
@@ -37,7 +37,6 @@ protected:
         setenv("TZ", "UTC", 1);
         tzset();
         ASSERT_TRUE(sim::clock_mode("warp"));
-        ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, sv_));
         /* A slot of the server's table, so that events reach it too. */
         client_ = remote_client(0);
         client_->sock = sv_[0];
@@ -65,8 +64,6 @@ protected:
         chgstate.state = saved_batt_state_;
         am335x_adc_close(state.adchnd);
         client_->sock = -1;
-        close(sv_[0]);
-        close(sv_[1]);
         vt::ConfigTest::TearDown();
     }
 
@@ -102,7 +99,7 @@ protected:
     }
 
     struct client_s* client_ = nullptr;
-    int sv_[2] = {-1, -1};
+    vt::ClientPair sv_;
     int saved_batt_state_ = 0;
 };
 
