@@ -207,6 +207,8 @@ protected:
 TEST_F(PstateExternalPower, SuspendFromMeasWalksToEcoAndIsRefused)
 {
     chgstate.state = BATT_STATE_CHARGING; /* as the power handler has it */
+    /* A suspend let through ends after this, not never. */
+    ASSERT_EQ(0, cb_sleep_time_set(client_, "30"));
     ASSERT_EQ(0, set("meas"));
     replies();
     EXPECT_EQ(-1, set("suspend"));
