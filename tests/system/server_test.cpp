@@ -203,6 +203,30 @@ protected:
         return lines;
     }
 
+    /* A client stalls during a scan behind unread capabilities replies (~1.1 kB
+     * each) and reads again once the scan has ended or was aborted (it counts
+     * either way). Returns the samples it got; ready: its last line is the
+     * scan's ready line. */
+    size_t stalled_scan(int capabilities, bool* ready)
+    {
+        EXPECT_TRUE(vt::is_ready_line(reader.request(1, "set pstate=meas speed=1.0", 20000).back(), 1));
+        std::string requests;
+        for (int i = 0; i < capabilities; i++)
+            requests += "1 capabilities\n";
+        reader.send_raw(requests + "2 scan x=17.5\n");
+        vt::eventually([&] {
+            return other.request(3, "get meas_cycles") == std::vector<std::string>{"3 ack", "3 data 1", "3 ready 0.000"};
+        });
+        size_t samples = 0;
+        std::vector<std::string> lines = read_all(2, false);
+        for (const std::string& l : lines) {
+            if (l.compare(0, 7, "2 data ") == 0)
+                samples += vt::decode_samples(l.substr(7)).size();
+        }
+        *ready = !lines.empty() && vt::is_ready_line(lines.back(), 2);
+        return samples;
+    }
+
     /* The queue is under test, not the firmware: the behavioural model
      * keeps a 17.5 mm scan quick under the sanitizer and the emulator. */
     vt::ServerUnderTest server{"[pru]\nengine = model\n", "warp"};
@@ -210,29 +234,23 @@ protected:
     vt::LineClient other;
 };
 
-/* A client stalls during a scan behind 100 unread capabilities replies
- * (~1.1 kB each) and reads again once the scan is over: with the scan's
- * ~95 kB on top it gets every sample. */
+/* With 100 the scan's ~95 kB still fit in its queue. */
 TEST_F(ServerSlowReader, AStalledScanClientGetsEverySample)
 {
-    ASSERT_TRUE(vt::is_ready_line(reader.request(1, "set pstate=meas speed=1.0", 20000).back(), 1));
-    std::string requests;
-    for (int i = 0; i < 100; i++)
-        requests += "1 capabilities\n";
-    reader.send_raw(requests + "2 scan x=17.5\n");
-    /* The scan ends (and counts) while its client reads nothing. */
-    vt::eventually([&] {
-        return other.request(3, "get meas_cycles") == std::vector<std::string>{"3 ack", "3 data 1", "3 ready 0.000"};
-    });
-    size_t samples = 0;
-    std::vector<std::string> lines = read_all(2, false);
-    for (const std::string& l : lines) {
-        if (l.compare(0, 7, "2 data ") == 0)
-            samples += vt::decode_samples(l.substr(7)).size();
-    }
-    ASSERT_FALSE(lines.empty());
-    EXPECT_TRUE(vt::is_ready_line(lines.back(), 2));
-    EXPECT_EQ(35000u, samples); /* one per 0.5 um */
+    bool ready = false;
+    EXPECT_EQ(35000u, stalled_scan(100, &ready)); /* one per 0.5 um */
+    EXPECT_TRUE(ready);
+}
+
+/* With 230 the queue overflows during the scan: the scan is aborted and the
+ * client closed after a whole line (read_all checks that nothing is cut). */
+TEST_F(ServerSlowReader, AStalledScanClientThatOverflowsIsDroppedAfterAWholeLine)
+{
+    bool ready = true;
+    EXPECT_LT(stalled_scan(230, &ready), 35000u);
+    EXPECT_FALSE(ready);
+    EXPECT_TRUE(reader.closed_by_peer(0));
+    EXPECT_THAT(server.err(), HasSubstr("replies unread"));
 }
 
 TEST_F(ServerSlowReader, AFloodingClientIsDroppedAndDelaysNobody)
