@@ -251,10 +251,15 @@ public:
     /* Brings the models to now for a caller that may change the board's
      * values (a device call, a control command, a test): the next wait saves
      * the state. catch_up() only brings them to now; touch() only notes the
-     * change. */
+     * change, acted_on() a change through a node that can make one. */
     void advance();
     void catch_up();
     void touch() { changed_ = true; }
+    void acted_on(const Node& node)
+    {
+        if (!node.passive())
+            touch();
+    }
     /* Board time of the earliest model event; kNever if none. */
     ns_t next_event();
 

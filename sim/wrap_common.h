@@ -54,10 +54,10 @@ struct FdCall {
         board = &Board::get();
         lock = std::unique_lock<std::recursive_mutex>(board->mutex());
         of = board->file(fd);
-        if (of != nullptr)
+        if (of != nullptr) {
             board->catch_up();
-        if (of != nullptr && !of->node->passive())
-            board->touch();
+            board->acted_on(*of->node);
+        }
     }
     bool ours() const { return of != nullptr; }
 

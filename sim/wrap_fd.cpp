@@ -32,8 +32,7 @@ int open_node(Board& b, Node* node, int flags)
     auto of = std::make_shared<OpenFile>();
     of->node = node;
     of->flags = flags;
-    if (!node->passive())
-        b.touch();
+    b.acted_on(*node);
     int err = node->open(*of);
     if (err < 0)
         return err;
@@ -180,6 +179,18 @@ void fill_any_stat(void* st, int kind, const std::string& path, mode_t mode, int
         fill_stat(static_cast<struct stat*>(st), path, mode, size);
 }
 
+/* The board's side of closing fd: the models see what the program did
+ * through the device last, and the entry goes. nullptr: fd is not the
+ * board's. */
+std::shared_ptr<OpenFile> forget_closed(Board& b, int fd)
+{
+    b.catch_up();
+    std::shared_ptr<OpenFile> of = b.forget(fd);
+    if (of != nullptr)
+        b.acted_on(*of->node);
+    return of;
+}
+
 } // namespace sim
 
 extern "C" {
@@ -192,12 +203,9 @@ int sim_close(int* r, int fd)
     ErrnoKeeper e;
     Board& b = Board::get();
     std::lock_guard<std::recursive_mutex> lock(b.mutex());
-    b.catch_up(); /* the models see what the program did through the device last */
-    std::shared_ptr<OpenFile> of = b.forget(fd);
+    std::shared_ptr<OpenFile> of = forget_closed(b, fd);
     if (of == nullptr)
         return 0; /* not the board's any more: a plain close */
-    if (!of->node->passive())
-        b.touch();
     release_if_last(std::move(of));
     return real_result(r, e, SIM_REAL(close)(fd));
 }
@@ -215,10 +223,10 @@ int sim_fclose(int* r, FILE* stream)
         return 0;
     Board& b = Board::get();
     std::lock_guard<std::recursive_mutex> lock(b.mutex());
-    b.advance();
+    std::shared_ptr<OpenFile> of = forget_closed(b, fd);
     *r = SIM_REAL(fclose)(stream);
     e.keep_current();
-    release_if_last(b.forget(fd));
+    release_if_last(std::move(of));
     return 1;
 }
 
