@@ -41,7 +41,10 @@ bool ChildProcess::start(const std::vector<std::string>& argv, const ProcessOpti
     std::vector<std::string> env_strings = opts.env;
     for (char** e = environ; *e != nullptr; e++) {
         std::string s(*e);
-        auto same_name = [&](const std::string& add) { return add.compare(0, add.find('=') + 1, s, 0, add.find('=') + 1) == 0; };
+        auto same_name = [&s](const std::string& add) {
+            size_t name_end = add.find('=') + 1;
+            return s.compare(0, name_end, add, 0, name_end) == 0;
+        };
         if (std::none_of(opts.env.begin(), opts.env.end(), same_name))
             env_strings.push_back(s);
     }
